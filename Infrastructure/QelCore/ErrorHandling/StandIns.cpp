@@ -1,0 +1,103 @@
+// Stand-ins for services that come later in the library (see StandIns.h).
+#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+
+#include "Infrastructure/QelCore/Platform/Platform.h"
+
+#include <atomic>
+
+namespace Qel::Core::StandIns {
+namespace {
+std::atomic<AlertObserver*> s_pObserver{nullptr};
+std::atomic<unsigned> s_iFaultAdapterUsers{0};
+} // namespace
+
+AlertObserver::~AlertObserver() = default;
+
+AlertObserver* SetAlertObserver(AlertObserver* observer)
+{
+    return s_pObserver.exchange(observer);
+}
+
+// A listener's failure never comes back to the raising code.
+void BroadcastErrorRaised(Error& error)
+{
+    try {
+        if (AlertObserver* observer = s_pObserver.load()) observer->ErrorRaised(error);
+    } catch (...) {
+    }
+}
+
+void BroadcastErrorHandled(Error& error)
+{
+    try {
+        if (AlertObserver* observer = s_pObserver.load()) observer->ErrorHandled(error);
+    } catch (...) {
+    }
+}
+
+void BroadcastWarningRaised(Warning& warning)
+{
+    try {
+        if (AlertObserver* observer = s_pObserver.load()) observer->WarningRaised(warning);
+    } catch (...) {
+    }
+}
+
+bool UseErrorHandler(Error& error)
+{
+    AlertObserver* observer = s_pObserver.load();
+    return observer != nullptr && observer->UseErrorHandler(error);
+}
+
+bool ShouldDoWarningBroadcast(const std::string&)
+{
+    return true;
+}
+
+void SetMaxWarnings(const std::string&, unsigned long, bool) {}
+void ResetWarningCount(const std::string&) {}
+
+std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned)
+{
+    return nullptr;
+}
+
+void ReleaseDebugHelp() {}
+
+std::string TimeStampNow()
+{
+    return Platform::LocalTimeStampNow();
+}
+
+void AddSystemDetails(CodeContext&) {}
+
+bool LookupLocaleString(const std::string&, const std::string&, std::string&)
+{
+    return false;
+}
+
+void AddRootLocaleString(const std::string&, const std::string&, const std::string&) {}
+
+void LogError(Error&) {}
+
+void FaultAdapterInitialize()
+{
+    ++s_iFaultAdapterUsers;
+}
+
+void FaultAdapterShutdown()
+{
+    // A shutdown at a count of 0 leaves the count alone.
+    unsigned users = s_iFaultAdapterUsers.load();
+    while (users > 0 && !s_iFaultAdapterUsers.compare_exchange_weak(users, users - 1)) {
+    }
+}
+
+unsigned FaultAdapterUserCount()
+{
+    return s_iFaultAdapterUsers.load();
+}
+
+void SignalSystemShutdown() {}
+
+} // namespace Qel::Core::StandIns

@@ -1,0 +1,82 @@
+// Stand-ins for the services that the error core calls but that come later in the library:
+// the alert broker, call stacks, the log, the clock's text form, the system facts of a code
+// position, the locale's wording of alerts, the fault adapter and the system's shutdown event.
+//
+// Each stand-in sits behind the call the real service will answer, is safe to call at any time
+// (load, unload, any thread) and does the least that keeps raising complete: with none of the real
+// services present, a raised error is still pushed, counted, thrown with its exact class and
+// carries all of its basic keys. Each later service replaces its stand-in here.
+#pragma once
+
+#include "Infrastructure/QelCore/Error.h"
+
+#include <memory>
+#include <string>
+
+namespace Qel::Core::StandIns {
+
+// ---- alert broker ----
+
+// Observes what the broker would broadcast; tests install one to count alerts.
+class QEL_CORE_API AlertObserver
+{
+public:
+    virtual ~AlertObserver();
+    virtual void ErrorRaised(Error&) {}
+    virtual void ErrorHandled(Error&) {}
+    virtual void WarningRaised(Warning&) {}
+    // Whether an in-place handler takes the error (no throw then).
+    virtual bool UseErrorHandler(Error&) { return false; }
+};
+
+// Installs the observer (null removes it) and returns the one installed before. The observer
+// must outlive its installation.
+QEL_CORE_API AlertObserver* SetAlertObserver(AlertObserver* observer);
+
+void BroadcastErrorRaised(Error& error);
+void BroadcastErrorHandled(Error& error);
+void BroadcastWarningRaised(Warning& warning);
+bool UseErrorHandler(Error& error);
+// Whether a warning of the class may be broadcast: always, until warning limits exist.
+bool ShouldDoWarningBroadcast(const std::string& typeName);
+void SetMaxWarnings(const std::string& typeName, unsigned long maxWarnings, bool overwrite);
+void ResetWarningCount(const std::string& typeName);
+
+// ---- debug help ----
+
+// The call stack of the calling thread: null while no symbol engine is present.
+std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned maxFrames);
+// Lets go of the library's hold on the symbol engine.
+void ReleaseDebugHelp();
+
+// ---- clock ----
+
+// The text of "now" in the fixed form "YYYY/MM/DD hh:mm:ss.mmm".
+std::string TimeStampNow();
+
+// ---- system facts of a code position ----
+
+// Adds process, thread, OS and host details to a position: nothing while no System exists.
+void AddSystemDetails(CodeContext& context);
+
+// ---- locale ----
+
+// Looks a string up in the current locale: none until locales exist.
+bool LookupLocaleString(const std::string& table, const std::string& key, std::string& value);
+// Adds a default string to the root locale's table, if the root has such a table.
+void AddRootLocaleString(const std::string& table, const std::string& key, const std::string& value);
+
+// ---- log ----
+
+// Writes an error to the log: nothing until the log exists.
+void LogError(Error& error);
+
+// ---- fault adapter and system events ----
+
+void FaultAdapterInitialize();
+void FaultAdapterShutdown();
+// Number of users of the fault adapter (Initialize calls less Shutdown calls).
+QEL_CORE_API unsigned FaultAdapterUserCount();
+void SignalSystemShutdown();
+
+} // namespace Qel::Core::StandIns

@@ -1,0 +1,227 @@
+// The library frame: entry points, state flags, managed globals and the singleton registry.
+#include "Infrastructure/QelCore/System/Frame.h"
+
+#include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/Platform/Platform.h"
+
+#include <iostream>
+
+namespace Qel::Core {
+namespace {
+
+// Process-wide flags of the frame. Plain bytes: Initialize and Shutdown are called from one
+// thread at a time, and the unloading and fatal flags only ever go from false to true.
+bool s_bFirstInitialize = true;
+bool s_bShutdownBegun = false;
+bool s_bUnloading = false;
+bool s_bFatalExit = false;
+
+} // namespace
+
+bool IsFatalExit()
+{
+    return s_bFatalExit;
+}
+
+bool IsUnloading()
+{
+    return s_bUnloading;
+}
+
+void FatalExit(int status)
+{
+    s_bFatalExit = true;
+    Platform::ExitProcess(status);
+}
+
+void Initialize()
+{
+    if (s_bFirstInitialize) {
+        // One throw through the whole error machinery, so that the exception runtime and the
+        // symbol engine are warmed up before a real error needs them. No listener hears of it.
+        try {
+            ErrorHandlingPrimer primer;
+            primer.PrimeAndThrow();
+        } catch (ErrorHandlingPrimer&) {
+            std::cout << "Error handling started up via initial throw..." << std::endl;
+        }
+        s_bFirstInitialize = false;
+    }
+    StandIns::FaultAdapterInitialize();
+}
+
+void Shutdown()
+{
+    if (s_bShutdownBegun) return;
+    s_bShutdownBegun = true;
+    StandIns::SignalSystemShutdown();
+    try {
+        Frame::DestroyAllSingletons();
+    } catch (...) {
+        // A failing singleton does not stop the shutdown.
+    }
+    StandIns::ReleaseDebugHelp();
+}
+
+// ---- managed globals ----
+
+GlobalEntryBase::~GlobalEntryBase() = default;
+
+ManagedGlobals::ManagedGlobals() = default;
+
+ManagedGlobals::~ManagedGlobals()
+{
+    try {
+        DestroyAll();
+    } catch (...) {
+    }
+}
+
+void ManagedGlobals::Append(std::shared_ptr<GlobalEntryBase> entry)
+{
+    std::lock_guard<FrameMutex> guard(m_Lock);
+    m_Index[entry->GetKey()] = entry.get();
+    m_Entries.push_back(std::move(entry));
+}
+
+void ManagedGlobals::RemoveKey(const std::string& key)
+{
+    std::shared_ptr<GlobalEntryBase> doomed;
+    {
+        std::lock_guard<FrameMutex> guard(m_Lock);
+        auto found = m_Index.find(key);
+        if (found == m_Index.end()) return;
+        GlobalEntryBase* entry = found->second;
+        m_Index.erase(found);
+        for (auto it = m_Entries.begin(); it != m_Entries.end(); ++it) {
+            if (it->get() == entry) {
+                doomed = std::move(*it);
+                m_Entries.erase(it);
+                break;
+            }
+        }
+    }
+    // The object goes here, outside the lock.
+}
+
+void ManagedGlobals::DestroyAll()
+{
+    std::unique_lock<FrameMutex> guard(m_Lock);
+    while (!m_Entries.empty()) {
+        std::shared_ptr<GlobalEntryBase> doomed = std::move(m_Entries.back());
+        m_Entries.pop_back();
+        m_Index.erase(doomed->GetKey());
+        guard.unlock();
+        doomed.reset();
+        guard.lock();
+    }
+}
+
+std::size_t ManagedGlobals::Size() const
+{
+    std::lock_guard<FrameMutex> guard(m_Lock);
+    return m_Entries.size();
+}
+
+std::list<std::string> ManagedGlobals::Keys() const
+{
+    std::lock_guard<FrameMutex> guard(m_Lock);
+    std::list<std::string> keys;
+    for (const auto& entry : m_Entries) keys.push_back(entry->GetKey());
+    return keys;
+}
+
+Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTables.xml")
+{
+    // The process-wide services register here, in this order, as they come into the library:
+    // System, LocaleManager (then its Init), AlertManager (which adds CurrentErrors), LogManager.
+}
+
+Globals::~Globals() = default;
+
+// ---- singletons ----
+
+ISingletonRegistryEntry::~ISingletonRegistryEntry() = default;
+
+void SingletonRegistry::Register(ISingletonRegistryEntry* entry)
+{
+    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    auto& list = Frame::SingletonList();
+    for (ISingletonRegistryEntry* present : list)
+        if (present == entry) return;
+    list.push_front(entry);
+}
+
+void SingletonRegistry::Unregister(const ISingletonRegistryEntry* entry)
+{
+    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    Frame::SingletonList().remove(const_cast<ISingletonRegistryEntry*>(entry));
+}
+
+std::size_t SingletonRegistry::Size()
+{
+    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    return Frame::SingletonList().size();
+}
+
+void SingletonRegistry::DestroyAllSingletons()
+{
+    Frame::DestroyAllSingletons();
+}
+
+void Frame::DestroyAllSingletons()
+{
+    std::list<ISingletonRegistryEntry*> entries;
+    {
+        std::lock_guard<FrameMutex> guard(SingletonMutex());
+        entries.swap(SingletonList());
+    }
+    for (ISingletonRegistryEntry* entry : entries) entry->Destroy();
+}
+
+// ---- leak detection: an interface with no effect ----
+
+namespace Memory {
+MemoryLeakDetection::MemoryLeakDetection(int) {}
+MemoryLeakDetection::~MemoryLeakDetection() = default;
+MemoryLeakDetectOnOff::MemoryLeakDetectOnOff(int) {}
+MemoryLeakDetectOnOff::~MemoryLeakDetectOnOff() = default;
+} // namespace Memory
+
+// ---- unload ----
+
+void Frame::OnLibraryUnload()
+{
+    s_bUnloading = true;
+    if (!s_bShutdownBegun) {
+        Platform::DebugOutput(std::string("Calling Qel::Core::Shutdown from QelCore.dll unload.  This may result in ") +
+                              "false memory leak reporting.  To avoid this call Qel::Core::Shutdown when " +
+                              "the application is exiting but not from an ::atexit() handler (e.g. from" +
+                              "ExitInstance)");
+        Shutdown();
+    }
+    StandIns::FaultAdapterShutdown();
+    Globals::Instance().DestroyAll();
+}
+
+} // namespace Qel::Core
+
+// ---- plain entry points ----
+
+extern "C" {
+void InitializeQelCore()
+{
+    Qel::Core::Initialize();
+}
+
+void ShutdownQelCore()
+{
+    Qel::Core::Shutdown();
+}
+
+bool IsQelCoreDebug()
+{
+    return false;
+}
+}

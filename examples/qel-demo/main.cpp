@@ -1,0 +1,134 @@
+// qel-demo: a host program that shows what QelCore does, one screen per capability.
+#include <Infrastructure/QelCore/QelCore.h>
+
+#include <iostream>
+#include <vector>
+
+using namespace Qel::Core;
+
+// A host's own error class: a message format with two parameters.
+QEL_DEFINE_ERROR(SampleNotReady, LogicError, eERROR, "Sample %1% is not ready after %2% s", std::string, int)
+QEL_DEFINE_WARNING(DetectorWarm, Warning, "Detector temperature is %1$.1f C", double)
+
+namespace {
+
+void Heading(const std::string& title)
+{
+    std::cout << "\n== " << title << " ==\n";
+}
+
+// Three levels of calls: the innermost raises, the two above forward.
+void Acquire(const std::string& sample)
+{
+    QEL_RAISE_ERROR(SampleNotReady(sample, 30), "Qel.Demo.Acquire");
+}
+
+void RunMethod(const std::string& sample)
+{
+    int attempt = 1;
+    try {
+        Acquire(sample);
+    }
+    QEL_FORWARD_ERROR_WITH(QEL_FORWARD_VARIABLE(attempt))
+}
+
+void RunSequence()
+{
+    try {
+        RunMethod("S-17");
+    }
+    QEL_FORWARD_ERROR
+}
+
+void ShowErrors()
+{
+    Heading("A typed error, raised three calls down and forwarded twice");
+    try {
+        RunSequence();
+    } catch (SampleNotReady& error) {
+        std::cout << "caught " << ReadableTypeName(typeid(error)) << ": " << error.GetMessageA() << "\n";
+        std::cout << "data bag:\n";
+        StringMap data;
+        error.GetAllData(data);
+        for (const auto& [key, value] : data) std::cout << "  " << key << " = " << value << "\n";
+        std::cout << "unwind trail (raising position first):\n";
+        for (const CodeContext& where : *error.GetUnwindStack()) {
+            std::cout << "  " << where.Get(CodeContext::sFUNCTION) << " at line " << where.Get(CodeContext::sLINE);
+            for (const auto& [name, value] : where.GetVariables()) std::cout << "  [" << name << " = " << value << "]";
+            std::cout << "\n";
+        }
+    }
+
+    Heading("A warning: raised, and the caller goes on");
+    DetectorWarm warning(41.25);
+    warning.RaiseWarning(QEL_CODE_CONTEXT(), "Qel.Demo.Detector");
+    std::cout << "warning raised: " << warning.GetMessageA() << " (severity " << warning.GetData(AlertInfo::sSEVERITY)
+              << ", logger " << warning.GetData(AlertInfo::sLOG_NAME) << ")\n";
+    std::cout << "as XML: ";
+    XMLWriter writer;
+    warning.ToXML(writer, std::cout, "Demonstration");
+}
+
+void ShowStrings()
+{
+    Heading("String tools");
+    std::vector<std::string> parts;
+    int count = StringTools::Split("Acquire->Process->Report", "->", parts);
+    std::cout << "Split into " << count << " parts; joined again with \" | \": " << StringTools::Join(parts, " | ")
+              << "\n";
+    std::string listed;
+    StringTools::Array2Str({"C:\\Data", "a,b", ""}, ',', listed);
+    std::cout << "escaped list: " << listed << "\n";
+    std::vector<std::string> back;
+    StringTools::Str2Array(listed, ',', back);
+    std::cout << "read back: " << back.size() << " items, second is \"" << back[1] << "\"\n";
+    std::cout << "line breaks at width 20:\n"
+              << StringTools::LineBreaks("The quick brown fox jumps over the lazy instrument controller", 20)
+              << "\n";
+    std::cout << "ToDouble(\"-1.#INF\") = " << StringTools::ToDouble("-1.#INF")
+              << ", ToByte(\"0xA5\") = " << static_cast<int>(StringTools::ToByte("0xA5")) << "\n";
+}
+
+class Counter
+{
+public:
+    void Add(int amount) { m_iTotal += amount; }
+    int Total() const { return m_iTotal; }
+
+private:
+    int m_iTotal = 0;
+};
+
+void Greet()
+{
+    std::cout << "global callback called\n";
+}
+
+void ShowCallbacks()
+{
+    Heading("Callbacks");
+    Counter counter;
+    std::shared_ptr<CallbackArg<int>> add = std::make_shared<MethodCallbackArg<Counter, int>>(&counter, &Counter::Add);
+    (*add)(5);
+    (*add)(37);
+    std::cout << "method callback added up to " << counter.Total() << "\n";
+    GlobalCallback greet(&Greet);
+    greet();
+    MethodCallbackArg<Counter, int> same(&counter, &Counter::Add);
+    std::cout << "two callbacks on the same object and method are equal: " << std::boolalpha << (same == *add)
+              << "\n";
+}
+
+} // namespace
+
+int main()
+{
+    std::cout << "qel-demo: QelCore in a host process\n";
+    InitializeQelCore();
+    ShowErrors();
+    ShowStrings();
+    ShowCallbacks();
+    ShutdownQelCore();
+    std::cout << "\ndone\n";
+    return 0;
+}

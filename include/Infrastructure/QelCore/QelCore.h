@@ -1,0 +1,15 @@
+// QelCore: the whole public interface of the library.
+//
+// A host writes #include <Infrastructure/QelCore/QelCore.h> and links QelCore::QelCore
+// (CMake) or `pkg-config --cflags --libs qelcore`.
+#pragma once
+
+#include "Infrastructure/QelCore/QelCoreExport.h"
+
+#include "Infrastructure/QelCore/AlertInfo.h"
+#include "Infrastructure/QelCore/Callback.h"
+#include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/StringTools.h"
+#include "Infrastructure/QelCore/TypeNames.h"
+#include "Infrastructure/QelCore/XMLWriter.h"
