@@ -17,7 +17,7 @@ namespace {
 QEL_DEFINE_ERROR(TrailError, LogicError, eERROR, "trail %1%", int)
 QEL_DEFINE_WARNING(NoteWarning, Warning, "note %1%", std::string)
 
-int g_iRaiseLine = 0;
+std::atomic<int> g_iRaiseLine{0};
 
 [[noreturn]] void RaiseTrail()
 {
@@ -109,7 +109,7 @@ TEST(Raise, ForwardedErrorKeepsItsClassAndTrail)
             // The raise, then each forwarding function (depth + 1 of them).
             auto trail = error.GetUnwindStack();
             ASSERT_EQ(trail->size(), static_cast<std::size_t>(depth + 2));
-            EXPECT_EQ(trail->front().Get(CodeContext::sLINE), std::to_string(g_iRaiseLine));
+            EXPECT_EQ(trail->front().Get(CodeContext::sLINE), std::to_string(g_iRaiseLine.load()));
             EXPECT_EQ(trail->front().Get(CodeContext::sFUNCTION), "{anonymous}::RaiseTrail");
             for (std::size_t i = 1; i < trail->size(); ++i)
                 EXPECT_EQ(trail->at(i).Get(CodeContext::sFUNCTION), "{anonymous}::Forward");
@@ -126,14 +126,15 @@ TEST(Raise, ForwardingTurnsForeignExceptionsIntoErrors)
         try {
             throw std::runtime_error("disk full");
         }
-        QEL_FORWARD_ERROR_WITH(QEL_FORWARD_VARIABLE(g_iRaiseLine); QEL_FORWARD_INFO("Step", 3))
+        QEL_FORWARD_ERROR_WITH(int iRaiseLine = g_iRaiseLine; QEL_FORWARD_VARIABLE(iRaiseLine);
+                               QEL_FORWARD_INFO("Step", 3))
         FAIL() << "not thrown";
     } catch (StdException& error) {
         EXPECT_EQ(error.GetMessageA(), "Caught std::exception - disk full");
         EXPECT_EQ(error.GetData(AlertInfo::sLOG_NAME), "");
         ASSERT_EQ(error.GetUnwindStack()->size(), 1u);
         const CodeContext& where = error.GetUnwindStack()->front();
-        EXPECT_EQ(where.GetVariables().at("g_iRaiseLine"), std::to_string(g_iRaiseLine));
+        EXPECT_EQ(where.GetVariables().at("iRaiseLine"), std::to_string(g_iRaiseLine.load()));
         EXPECT_EQ(where.Get("Step"), "3");
     }
     try {

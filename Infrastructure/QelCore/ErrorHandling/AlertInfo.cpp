@@ -63,7 +63,11 @@ std::string Detail::FunctionNameOf(const char* signature)
 // Each step runs on its own: an allocation failure leaves the alert as far as it got.
 AlertInfo::AlertInfo() : m_eSeverity(static_cast<ESeverity>(-1))
 {
-    try { m_spData = std::make_shared<StringMap>(); } catch (...) {}
+    try {
+        m_spData = std::make_shared<StringMap>();
+        m_spData->reserve(16); // room for the keys of a raised error without rehashing
+    } catch (...) {
+    }
     try { m_spUnwindStack = std::make_shared<ContextStack>(); } catch (...) {}
     try { SetData(sTIME_STAMP, StandIns::TimeStampNow()); } catch (...) {}
     try { SetData(sMESSAGE, "No Message"); } catch (...) {}

@@ -7,6 +7,7 @@
 #include "Infrastructure/QelCore/System/Frame.h"
 
 #include <cstdlib>
+#include <locale>
 
 namespace Qel::Core {
 
@@ -28,6 +29,14 @@ void Frame::OnLibraryLoad()
     // when the library is unloaded, or when the process ends if it never is.
     std::atexit(&UnloadHandler);
     // There are no per-thread attach and detach calls to refuse on this platform.
+
+    // The standard library fills the narrow-character table of a ctype facet lazily, on first
+    // use, and alert messages are formatted on any thread: fill it now, while one thread runs.
+    const auto& ctype = std::use_facet<std::ctype<char>>(std::locale());
+    char wide[256];
+    char narrow[256];
+    for (int i = 0; i < 256; ++i) wide[i] = static_cast<char>(i);
+    ctype.narrow(wide, wide + 256, '?', narrow);
 }
 
 } // namespace Qel::Core
