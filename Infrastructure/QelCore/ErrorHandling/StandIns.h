@@ -10,6 +10,8 @@
 
 #include "Infrastructure/QelCore/Error.h"
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -78,5 +80,19 @@ void FaultAdapterShutdown();
 // Number of users of the fault adapter (Initialize calls less Shutdown calls).
 QEL_CORE_API unsigned FaultAdapterUserCount();
 void SignalSystemShutdown();
+
+// ---- dispatch to the main thread and its message pump ----
+
+// Whether the thread stands between BeginThreadDispatch and EndThreadDispatch: a worker that has
+// handed work to the main thread and blocks until it is done.
+bool IsThreadWaitingOnDispatch(std::uint32_t threadId);
+// Marks the calling thread as waiting on dispatch, and unmarks it.
+QEL_CORE_API void BeginThreadDispatch();
+QEL_CORE_API void EndThreadDispatch();
+// Dispatches at most `maxMessages` messages: Linux threads have no message queue, so nothing
+// until a pump is installed.
+void PumpMessages(int maxMessages);
+// Installs a pump (empty: none) and returns the one before.
+QEL_CORE_API std::function<void(int)> SetMessagePump(std::function<void(int)> pump);
 
 } // namespace Qel::Core::StandIns

@@ -12,6 +12,9 @@ namespace Qel::Core::Frame {
 std::list<ISingletonRegistryEntry*>& SingletonList();
 FrameMutex& SingletonMutex();
 
+// Whether Shutdown has begun; it never goes back.
+bool ShutdownBegun();
+
 // Destroys every registered singleton, newest first, outside the registry's lock.
 void DestroyAllSingletons();
 

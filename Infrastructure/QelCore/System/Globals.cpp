@@ -19,6 +19,11 @@ bool s_bFatalExit = false;
 
 } // namespace
 
+bool Frame::ShutdownBegun()
+{
+    return s_bShutdownBegun;
+}
+
 bool IsFatalExit()
 {
     return s_bFatalExit;
@@ -80,7 +85,7 @@ ManagedGlobals::~ManagedGlobals()
 
 void ManagedGlobals::Append(std::shared_ptr<GlobalEntryBase> entry)
 {
-    std::lock_guard<FrameMutex> guard(m_Lock);
+    Lock guard(m_Lock);
     m_Index[entry->GetKey()] = entry.get();
     m_Entries.push_back(std::move(entry));
 }
@@ -89,7 +94,7 @@ void ManagedGlobals::RemoveKey(const std::string& key)
 {
     std::shared_ptr<GlobalEntryBase> doomed;
     {
-        std::lock_guard<FrameMutex> guard(m_Lock);
+        Lock guard(m_Lock);
         auto found = m_Index.find(key);
         if (found == m_Index.end()) return;
         GlobalEntryBase* entry = found->second;
@@ -107,26 +112,26 @@ void ManagedGlobals::RemoveKey(const std::string& key)
 
 void ManagedGlobals::DestroyAll()
 {
-    std::unique_lock<FrameMutex> guard(m_Lock);
+    Lock guard(m_Lock);
     while (!m_Entries.empty()) {
         std::shared_ptr<GlobalEntryBase> doomed = std::move(m_Entries.back());
         m_Entries.pop_back();
         m_Index.erase(doomed->GetKey());
-        guard.unlock();
-        doomed.reset();
-        guard.lock();
+        guard.Release();
+        doomed.reset(); // outside the lock
+        guard.Reset(m_Lock);
     }
 }
 
 std::size_t ManagedGlobals::Size() const
 {
-    std::lock_guard<FrameMutex> guard(m_Lock);
+    Lock guard(m_Lock);
     return m_Entries.size();
 }
 
 std::list<std::string> ManagedGlobals::Keys() const
 {
-    std::lock_guard<FrameMutex> guard(m_Lock);
+    Lock guard(m_Lock);
     std::list<std::string> keys;
     for (const auto& entry : m_Entries) keys.push_back(entry->GetKey());
     return keys;
@@ -146,7 +151,7 @@ ISingletonRegistryEntry::~ISingletonRegistryEntry() = default;
 
 void SingletonRegistry::Register(ISingletonRegistryEntry* entry)
 {
-    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    Lock guard(Frame::SingletonMutex());
     auto& list = Frame::SingletonList();
     for (ISingletonRegistryEntry* present : list)
         if (present == entry) return;
@@ -155,13 +160,13 @@ void SingletonRegistry::Register(ISingletonRegistryEntry* entry)
 
 void SingletonRegistry::Unregister(const ISingletonRegistryEntry* entry)
 {
-    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    Lock guard(Frame::SingletonMutex());
     Frame::SingletonList().remove(const_cast<ISingletonRegistryEntry*>(entry));
 }
 
 std::size_t SingletonRegistry::Size()
 {
-    std::lock_guard<FrameMutex> guard(Frame::SingletonMutex());
+    Lock guard(Frame::SingletonMutex());
     return Frame::SingletonList().size();
 }
 
@@ -174,7 +179,7 @@ void Frame::DestroyAllSingletons()
 {
     std::list<ISingletonRegistryEntry*> entries;
     {
-        std::lock_guard<FrameMutex> guard(SingletonMutex());
+        Lock guard(SingletonMutex());
         entries.swap(SingletonList());
     }
     for (ISingletonRegistryEntry* entry : entries) entry->Destroy();

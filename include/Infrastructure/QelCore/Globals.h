@@ -6,12 +6,13 @@
 // ShutdownQelCore, the library's unload calls Shutdown itself and says so on the debug output.
 #pragma once
 
+#include "Infrastructure/QelCore/Mutex.h"
 #include "Infrastructure/QelCore/QelCoreExport.h"
 #include "Infrastructure/QelCore/TypeNames.h"
 
+#include <atomic>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -39,7 +40,7 @@ QEL_CORE_API bool IsUnloading();
 
 // The lock of the frame's registries: held only around container work, never while an object is
 // built or destroyed.
-using FrameMutex = std::recursive_mutex;
+using FrameMutex = Mutex;
 
 // The untyped entry of a managed global.
 class QEL_CORE_API GlobalEntryBase
@@ -90,7 +91,7 @@ public:
     template <typename T>
     T* Get(const std::string& name)
     {
-        std::lock_guard<FrameMutex> guard(m_Lock);
+        Lock guard(m_Lock);
         auto found = m_Index.find(KeyOf<T>(name));
         if (found == m_Index.end()) return nullptr;
         auto* entry = dynamic_cast<Global<T>*>(found->second);
@@ -181,7 +182,7 @@ public:
     {
         T* instance = s_pSingleton.load(std::memory_order_acquire);
         if (instance != nullptr) return instance;
-        std::lock_guard<FrameMutex> guard(Mutex());
+        Lock guard(SingletonMutex());
         instance = s_pSingleton.load(std::memory_order_relaxed);
         if (instance == nullptr) {
             instance = new T();
@@ -199,13 +200,13 @@ protected:
 
     void Destroy() override
     {
-        std::lock_guard<FrameMutex> guard(Mutex());
+        Lock guard(SingletonMutex());
         T* instance = s_pSingleton.exchange(nullptr, std::memory_order_acq_rel);
         delete instance;
     }
 
 private:
-    static FrameMutex& Mutex()
+    static FrameMutex& SingletonMutex()
     {
         static FrameMutex s_Mutex;
         return s_Mutex;

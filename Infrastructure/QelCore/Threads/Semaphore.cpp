@@ -1,0 +1,119 @@
+// The counting semaphore and the barrier built on it.
+#include "Infrastructure/QelCore/Semaphore.h"
+
+#include "Infrastructure/QelCore/Platform/Locks.h"
+#include "Infrastructure/QelCore/Threads/MainThread.h"
+
+namespace Qel::Core {
+
+struct Semaphore::Impl
+{
+    explicit Impl(unsigned int initialCount) : semaphore(initialCount) {}
+    Platform::CountingSemaphore semaphore;
+};
+
+Semaphore::Semaphore(unsigned int initialCount)
+    : m_pImpl(std::make_unique<Impl>(initialCount)), m_Count(initialCount), m_MainThreadDepth(0)
+{
+}
+
+Semaphore::~Semaphore() = default;
+
+unsigned int Semaphore::GetCount() const
+{
+    return m_Count.load(std::memory_order_relaxed);
+}
+
+void Semaphore::Post(unsigned int amount)
+{
+    if (amount == 0) {
+        AssertFailed("amount > 0", QEL_CODE_CONTEXT());
+        return;
+    }
+    m_Count.fetch_add(amount);
+    m_pImpl->semaphore.Release(amount);
+}
+
+void Semaphore::Wait()
+{
+    if (IsMainThread()) {
+        (void)TimedWait(Elapse::Infinite());
+        return;
+    }
+    int result =
+        m_pImpl->semaphore.WaitUntil(Platform::DeadlineAfterTicks(Elapse::Infinite().GetRawTimerTicks()), &m_Count);
+    if (result == Platform::WAIT_SIGNALLED) return;
+    QEL_RAISE_ERROR(OSError("Infinite wait timed out!"), "Qel.Core.Semaphore");
+}
+
+bool Semaphore::TimedWait(const Elapse& timeout)
+{
+    auto milliseconds = static_cast<std::uint32_t>(static_cast<std::int64_t>(timeout.GetElapsed(Elapse::MilliSeconds)));
+    Platform::Deadline deadline = Platform::DeadlineAfterTicks(static_cast<std::int64_t>(milliseconds) * 10000);
+    int result;
+    if (IsMainThread()) {
+        if (++m_MainThreadDepth > GetMaxReentrancy()) {
+            --m_MainThreadDepth;
+            QEL_RAISE_ERROR(ExceededMaxReentrancy(), "Qel.Core.Semaphore.TimedWait");
+            return false;
+        }
+        Platform::CountingSemaphore& semaphore = m_pImpl->semaphore;
+        std::atomic<unsigned int>& mirror = m_Count;
+        auto busyWait = MainThread::CreateBusyWait(
+            &semaphore, [&semaphore, &mirror](Platform::Deadline until) { return semaphore.WaitUntil(until, &mirror); },
+            deadline);
+        result = busyWait->Wait();
+        --m_MainThreadDepth;
+    } else {
+        result = m_pImpl->semaphore.WaitUntil(deadline, &m_Count);
+    }
+    // A taken unit has left the count already; the object is not touched after the wait.
+    if (result == Platform::WAIT_SIGNALLED) return true;
+    if (result == Platform::WAIT_TIMED_OUT) return false;
+    QEL_RAISE_ERROR(OSError("Wait ended by unkown error"), "Qel.Core.Semaphore");
+    return false;
+}
+
+bool Semaphore::TryWait()
+{
+    return TimedWait(Elapse(0, Elapse::Seconds));
+}
+
+// ---- MultiWait ----
+
+MultiWait::MultiWait() : Semaphore(0), m_Waiters(0) {}
+
+MultiWait::~MultiWait()
+{
+    try {
+        releaseWaiters();
+    } catch (...) {
+    }
+}
+
+bool MultiWait::wait(Elapse* timeout)
+{
+    addWaiter();
+    if (timeout == nullptr) {
+        Wait();
+        return true;
+    }
+    return TimedWait(*timeout);
+}
+
+void MultiWait::releaseWaiters()
+{
+    Lock guard(m_Mutex);
+    if (m_Waiters != 0) {
+        Post(m_Waiters);
+        m_Waiters = 0;
+    }
+}
+
+void MultiWait::addWaiter()
+{
+    Lock guard(m_Mutex);
+    ++m_Waiters;
+}
+
+} // namespace Qel::Core
