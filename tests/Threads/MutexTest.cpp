@@ -122,8 +122,9 @@ TEST(Mutex, DestroyedWhileOthersWaitTellsThemSo)
     }
     while (started.load() < 3) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    mutex->Unlock();
-    delete mutex; // takes the lock before any waiter can, marks it, lets the waiters go
+    // Destroyed by its holder: the destructor takes the lock again (it is reentrant), marks the
+    // mutex destroyed and lets the waiters go before the memory goes.
+    delete mutex;
     for (auto& waiter : waiters) waiter.join();
     EXPECT_EQ(destroyedSeen.load(), 3);
 }

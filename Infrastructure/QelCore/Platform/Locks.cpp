@@ -3,6 +3,12 @@
 
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
+#include <climits>
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace Qel::Core::Platform {
 
 Deadline DeadlineAfterTicks(std::int64_t ticks)
@@ -24,89 +30,68 @@ std::int64_t TicksLeft(Deadline deadline)
 
 // ---- RecursiveTimedLock ----
 
-bool RecursiveTimedLock::TryAcquire(std::uint32_t self)
+namespace {
+
+// Sleeps while the word holds `expected`, until woken or the absolute monotonic deadline (none:
+// no limit). Spurious returns are fine: callers look at the word again.
+void FutexWait(std::atomic<std::uint32_t>& word, std::uint32_t expected, const Deadline* deadline)
 {
-    std::uint32_t expected = 0;
-    if (m_Owner.compare_exchange_strong(expected, self, std::memory_order_seq_cst, std::memory_order_relaxed)) {
-        m_Depth = 1;
-        return true;
+    struct timespec until {};
+    struct timespec* timeout = nullptr;
+    if (deadline != nullptr) {
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline->time_since_epoch()).count();
+        until.tv_sec = static_cast<time_t>(ns / 1000000000);
+        until.tv_nsec = static_cast<long>(ns % 1000000000);
+        timeout = &until;
     }
-    return false;
+    // FUTEX_WAIT_BITSET takes an absolute time on CLOCK_MONOTONIC, the clock of steady_clock.
+    ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected,
+              timeout, nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
-bool RecursiveTimedLock::TryLock()
+void FutexWake(std::atomic<std::uint32_t>& word, int count)
 {
-    std::uint32_t self = CurrentThreadId();
-    if (m_Owner.load(std::memory_order_relaxed) == self) {
-        ++m_Depth;
-        return true;
-    }
-    return TryAcquire(self);
+    ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, count, nullptr,
+              nullptr, 0);
 }
 
-bool RecursiveTimedLock::Lock()
-{
-    if (TryLock()) return true;
-    std::uint32_t self = CurrentThreadId();
-    bool acquired = false;
-    m_Sleepers.fetch_add(1, std::memory_order_seq_cst);
-    {
-        std::unique_lock<std::mutex> gate(m_Gate);
-        while (!(acquired = TryAcquire(self)) && !m_bAborted.load(std::memory_order_relaxed)) m_Wake.wait(gate);
-    }
-    m_Sleepers.fetch_sub(1, std::memory_order_relaxed);
-    return acquired;
-}
+} // namespace
 
-bool RecursiveTimedLock::TryLockUntil(Deadline deadline)
+bool RecursiveTimedLock::LockSlow(const Deadline* deadline)
 {
-    if (TryLock()) return true;
-    std::uint32_t self = CurrentThreadId();
-    bool acquired = false;
-    m_Sleepers.fetch_add(1, std::memory_order_seq_cst);
-    {
-        std::unique_lock<std::mutex> gate(m_Gate);
-        // The owner word is tested while the gate is held: an Unlock that frees the lock after the
-        // test has to take the gate to wake sleepers, so its wake-up cannot pass unseen.
-        while (!(acquired = TryAcquire(self))) {
-            if (m_bAborted.load(std::memory_order_relaxed)) break;
-            if (m_Wake.wait_until(gate, deadline) == std::cv_status::timeout) {
-                acquired = TryAcquire(self);
-                break;
+    std::uint32_t self = ThreadIdFast();
+    for (;;) {
+        if (m_bAborted.load(std::memory_order_acquire)) return false;
+        std::uint32_t word = m_Word.load(std::memory_order_relaxed);
+        if (word == 0) {
+            // Taken from the waiting path, the lock stays marked contended: others may sleep.
+            if (m_Word.compare_exchange_weak(word, self | kContended, std::memory_order_acquire,
+                                             std::memory_order_relaxed)) {
+                m_Depth = 1;
+                return true;
             }
+            continue;
         }
-    }
-    m_Sleepers.fetch_sub(1, std::memory_order_relaxed);
-    return acquired;
-}
-
-void RecursiveTimedLock::Unlock()
-{
-    if (m_Depth > 1) {
-        --m_Depth;
-        return;
-    }
-    m_Depth = 0;
-    m_Owner.store(0, std::memory_order_seq_cst);
-    if (m_Sleepers.load(std::memory_order_seq_cst) > 0) {
-        std::lock_guard<std::mutex> gate(m_Gate);
-        m_Wake.notify_one();
+        if (!(word & kContended)) {
+            if (!m_Word.compare_exchange_weak(word, word | kContended, std::memory_order_relaxed)) continue;
+            word |= kContended;
+        }
+        if (deadline != nullptr && HasPassed(*deadline)) return false;
+        FutexWait(m_Word, word, deadline);
     }
 }
 
-std::uint32_t RecursiveTimedLock::UnlockAll()
+void RecursiveTimedLock::WakeOne()
 {
-    std::uint32_t depth = m_Depth;
-    m_Depth = 1;
-    Unlock();
-    return depth;
+    FutexWake(m_Word, 1);
 }
 
 void RecursiveTimedLock::Abort()
 {
-    std::lock_guard<std::mutex> gate(m_Gate);
-    m_bAborted.store(true, std::memory_order_relaxed);
-    m_Wake.notify_all();
+    m_bAborted.store(true, std::memory_order_release);
+    // Changing the word makes a sleeper that has not gone down yet return at once.
+    m_Word.fetch_or(kAborted, std::memory_order_release);
+    FutexWake(m_Word, INT_MAX);
 }
 
 // ---- AutoResetEvent ----

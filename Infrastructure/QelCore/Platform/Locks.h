@@ -6,14 +6,15 @@
 // - Time-outs run on the monotonic clock (std::chrono::steady_clock, which waits through
 //   pthread_cond_clockwait on CLOCK_MONOTONIC); a change of the wall clock never shortens or
 //   lengthens a wait. A deadline that has passed means "try once".
-// - A waiting thread blocks on a condition variable; nothing here spins. The uncontended paths are
-//   one atomic operation on the owner word.
+// - A waiting thread blocks (on a futex or a condition variable); nothing here spins. The
+//   uncontended paths of the lock are one atomic operation on the owner word.
 // - The kernel objects of the original platform (critical section, kernel mutex, event, semaphore)
 //   become these small objects. A kernel mutex's "abandoned" result has no cause here: a thread
 //   that ends while holding a lock leaves it held, as a pthread mutex does.
 // - Wait results keep the original platform's codes, so that the callers' logic stays as it is.
 #pragma once
 
+#include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/QelCoreExport.h"
 
 #include <atomic>
@@ -41,7 +42,9 @@ inline bool HasPassed(Deadline deadline)
 }
 
 // A lock that its owner may take again and again, with untimed, try and timed acquisition.
-// The thread id is the kernel's (CurrentThreadId).
+// One 32-bit word holds the owner's kernel thread id and a "contended" bit; threads that wait
+// sleep on that word in the kernel (futex) and are woken by the release that finds the bit set.
+// Uncontended, a lock is one compare-and-swap and a release one exchange, as for a plain mutex.
 class QEL_CORE_LOCAL RecursiveTimedLock
 {
 public:
@@ -50,30 +53,52 @@ public:
     RecursiveTimedLock& operator=(const RecursiveTimedLock&) = delete;
 
     // Blocks until the lock is the caller's (true) or Abort was called (false).
-    bool Lock();
+    bool Lock() { return TryLock() || LockSlow(nullptr); }
     // Takes the lock if it is free or the caller's; never waits.
-    bool TryLock();
+    bool TryLock()
+    {
+        std::uint32_t self = ThreadIdFast();
+        std::uint32_t word = m_Word.load(std::memory_order_relaxed);
+        if ((word & kOwnerMask) == self) {
+            ++m_Depth;
+            return true;
+        }
+        if (word == 0 && m_Word.compare_exchange_strong(word, self, std::memory_order_acquire,
+                                                         std::memory_order_relaxed)) {
+            m_Depth = 1;
+            return true;
+        }
+        return false;
+    }
     // Blocks until the lock is the caller's (true), the deadline passes or Abort was called
     // (false). A deadline that has passed makes one try.
-    bool TryLockUntil(Deadline deadline);
+    bool TryLockUntil(Deadline deadline) { return TryLock() || LockSlow(&deadline); }
     // Gives back one level; the caller must hold the lock.
-    void Unlock();
-    // Releases every level the caller holds and returns how many that was.
-    std::uint32_t UnlockAll();
-    // Wakes every waiting thread for good: their TryLockUntil returns false from now on.
+    void Unlock()
+    {
+        if (m_Depth > 1) {
+            --m_Depth;
+            return;
+        }
+        m_Depth = 0;
+        if (m_Word.exchange(0, std::memory_order_release) & kContended) WakeOne();
+    }
+    // Wakes every waiting thread for good: their waits give false from now on.
     void Abort();
 
-    std::uint32_t Owner() const { return m_Owner.load(std::memory_order_relaxed); }
+    std::uint32_t Owner() const { return m_Word.load(std::memory_order_relaxed) & kOwnerMask; }
 
 private:
-    bool TryAcquire(std::uint32_t self);
+    static constexpr std::uint32_t kContended = 1u << 31;
+    static constexpr std::uint32_t kAborted = 1u << 30;
+    static constexpr std::uint32_t kOwnerMask = kAborted - 1; // thread ids stay below 2^22
 
-    std::atomic<std::uint32_t> m_Owner{0};
+    bool LockSlow(const Deadline* deadline);
+    void WakeOne();
+
+    std::atomic<std::uint32_t> m_Word{0};
     std::uint32_t m_Depth = 0; // touched by the owner only
-    std::atomic<int> m_Sleepers{0};
     std::atomic<bool> m_bAborted{false};
-    std::mutex m_Gate;
-    std::condition_variable m_Wake;
 };
 
 // An event that lets one waiter through per Set and then resets itself. A Set with nobody waiting

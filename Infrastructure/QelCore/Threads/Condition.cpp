@@ -34,7 +34,7 @@ Condition::~Condition() = default;
 
 void Condition::Lock(const Elapse& timeout)
 {
-    if (IsMainThread()) {
+    if (MainThread::IsMain()) {
         if (!TryLock(timeout)) QEL_RAISE_ERROR(LockTimeout(timeout.ToString()), "Qel.Core.Condition");
         return;
     }
@@ -48,7 +48,7 @@ void Condition::Lock(const Elapse& timeout)
 
 bool Condition::TryLock(const Elapse& timeout)
 {
-    if (!IsMainThread()) {
+    if (!MainThread::IsMain()) {
         if (timeout == Elapse::Infinite()) return m_pImpl->mutex.Lock();
         return m_pImpl->mutex.TryLockUntil(WaitDeadline(timeout));
     }
@@ -73,9 +73,9 @@ bool Condition::TryLock(const Elapse& timeout)
 void Condition::Unlock()
 {
     // Only the owner can give the lock back; a release by another thread changes nothing.
-    if (m_pImpl->mutex.Owner() != Platform::CurrentThreadId()) return;
+    if (m_pImpl->mutex.Owner() != Platform::ThreadIdFast()) return;
     m_pImpl->mutex.Unlock();
-    if (IsMainThread()) MainThread::RemoveHeldLock(this);
+    if (MainThread::IsMain()) MainThread::RemoveHeldLock(this);
 }
 
 void Condition::FinishWait(int result)
@@ -90,7 +90,7 @@ void Condition::FinishWait(int result)
 
 void Condition::Wait()
 {
-    if (IsMainThread()) {
+    if (MainThread::IsMain()) {
         (void)TimedWait(Elapse::Infinite());
         return;
     }
@@ -106,7 +106,7 @@ bool Condition::TimedWait(const Elapse& timeout)
     Platform::Deadline deadline = WaitDeadline(timeout);
     m_WaitCount.fetch_add(1);
     int result;
-    if (IsMainThread()) {
+    if (MainThread::IsMain()) {
         if (++m_MainThreadDepth > GetMaxReentrancy()) {
             --m_MainThreadDepth;
             m_WaitCount.fetch_sub(1);

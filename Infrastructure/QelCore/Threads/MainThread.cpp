@@ -12,8 +12,6 @@
 namespace Qel::Core {
 namespace {
 
-std::atomic<std::uint32_t> s_iMainThreadId{0};
-
 // Both belong to the main thread alone, so they have no lock.
 std::list<IMutex*>& HeldLocks()
 {
@@ -34,23 +32,22 @@ constexpr std::int64_t kPollSliceTicks = 10 * 10000; // 10 ms
 
 void SetMainThread()
 {
-    s_iMainThreadId.store(Platform::CurrentThreadId());
+    MainThread::g_iMainThreadId.store(Platform::CurrentThreadId());
 }
 
 void SetMainThreadId(std::uint32_t threadId)
 {
-    s_iMainThreadId.store(threadId);
+    MainThread::g_iMainThreadId.store(threadId);
 }
 
 std::uint32_t GetMainThreadId()
 {
-    return s_iMainThreadId.load(std::memory_order_relaxed);
+    return MainThread::g_iMainThreadId.load(std::memory_order_relaxed);
 }
 
 bool IsMainThread()
 {
-    std::uint32_t main = s_iMainThreadId.load(std::memory_order_relaxed);
-    return main != 0 && main == Platform::CurrentThreadId();
+    return MainThread::IsMain();
 }
 
 int GetMaxReentrancy()
@@ -59,6 +56,8 @@ int GetMaxReentrancy()
 }
 
 namespace MainThread {
+
+std::atomic<std::uint32_t> g_iMainThreadId{0};
 
 void AddHeldLock(IMutex* mutex)
 {

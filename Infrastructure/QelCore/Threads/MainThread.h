@@ -4,11 +4,25 @@
 
 #include "Infrastructure/QelCore/Mutex.h"
 #include "Infrastructure/QelCore/Platform/Locks.h"
+#include "Infrastructure/QelCore/Platform/Platform.h"
+
+#include <atomic>
+#include <cstdint>
 
 #include <functional>
 #include <memory>
 
 namespace Qel::Core::MainThread {
+
+// The id of the main thread; 0 while no thread is.
+extern std::atomic<std::uint32_t> g_iMainThreadId;
+
+// IsMainThread for the library's hot paths: with no main thread named, one load.
+inline bool IsMain()
+{
+    std::uint32_t main = g_iMainThreadId.load(std::memory_order_relaxed);
+    return main != 0 && main == Platform::ThreadIdFast();
+}
 
 // Appends an acquisition of the main thread (nothing once shutdown has begun).
 void AddHeldLock(IMutex* mutex);

@@ -8,6 +8,7 @@
 #include "Infrastructure/QelCore/Threads/MainThread.h"
 
 #include <chrono>
+#include <new>
 #include <thread>
 
 namespace Qel::Core {
@@ -19,22 +20,26 @@ constexpr std::int64_t kFastSliceTicks = 1 * 10000;   // 1 ms
 constexpr std::int64_t kSlowSliceTicks = 10 * 10000;  // 10 ms
 } // namespace
 
-struct Mutex::Impl
+namespace {
+Platform::RecursiveTimedLock& PlatformLock(unsigned char* storage)
 {
-    Platform::RecursiveTimedLock lock;
-};
+    return *std::launder(reinterpret_cast<Platform::RecursiveTimedLock*>(storage));
+}
+} // namespace
 
 IMutex::~IMutex() = default;
 
 Mutex::Mutex()
-    : m_pImpl(std::make_unique<Impl>()),
-      m_WaitingThreads(0),
+    : m_WaitingThreads(0),
       m_Destroyed(false),
       m_LockCount(0),
       m_OwnerThreadId(0),
       m_MainThreadTries(0),
       m_BorrowedLocks(0)
 {
+    static_assert(sizeof(Platform::RecursiveTimedLock) <= sizeof(m_CriticalSection));
+    static_assert(alignof(Platform::RecursiveTimedLock) <= 8);
+    new (m_CriticalSection) Platform::RecursiveTimedLock();
 }
 
 Mutex::~Mutex()
@@ -42,7 +47,7 @@ Mutex::~Mutex()
     try {
         if (!IsFatalExit() && TryLock(Elapse(5, Elapse::Seconds))) {
             m_Destroyed.store(true);
-            m_pImpl->lock.Abort();
+            PlatformLock(m_CriticalSection).Abort();
             // Threads that wait see the mark and leave; they get 5 seconds in all.
             auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
             while (m_WaitingThreads.load() > 0 && std::chrono::steady_clock::now() < until)
@@ -52,40 +57,54 @@ Mutex::~Mutex()
     } catch (...) {
         // A destructor lets nothing out.
     }
+    PlatformLock(m_CriticalSection).~RecursiveTimedLock();
 }
+
+namespace {
+// The rare ends of Lock, kept out of its fast path.
+[[gnu::noinline, gnu::cold]] void RaiseDestroyed()
+{
+    QEL_RAISE_ERROR(MutexDestroyedBeforeLockAcquired(), "Qel.Core.Mutex");
+}
+
+[[gnu::noinline, gnu::cold]] void RaiseTimeout(const Elapse& timeout)
+{
+    QEL_RAISE_ERROR(LockTimeout(timeout.ToString()), "Qel.Core.Mutex");
+}
+} // namespace
 
 void Mutex::Lock(const Elapse& timeout)
 {
     if (m_Destroyed.load(std::memory_order_relaxed)) return;
-    if (!IsMainThread() && timeout == Elapse::Infinite()) {
-        if (!m_pImpl->lock.TryLock()) {
+    if (!MainThread::IsMain() && timeout == Elapse::Infinite()) {
+        Platform::RecursiveTimedLock& lock = PlatformLock(m_CriticalSection);
+        if (!lock.TryLock()) [[unlikely]] {
             m_WaitingThreads.fetch_add(1);
-            bool acquired = m_pImpl->lock.Lock();
+            bool acquired = lock.Lock();
             bool destroyed = m_Destroyed.load();
             m_WaitingThreads.fetch_sub(1); // the mutex may be gone from here on if it was destroyed
-            if (!acquired || destroyed)
-                QEL_RAISE_ERROR(MutexDestroyedBeforeLockAcquired(), "Qel.Core.Mutex");
+            if (!acquired || destroyed) RaiseDestroyed();
         }
         std::int32_t count = m_LockCount.load(std::memory_order_relaxed) + 1;
         m_LockCount.store(count, std::memory_order_relaxed);
-        if (count == 1) m_OwnerThreadId.store(Platform::CurrentThreadId(), std::memory_order_relaxed);
+        if (count == 1) m_OwnerThreadId.store(Platform::ThreadIdFast(), std::memory_order_relaxed);
         return;
     }
-    if (!TryLock(timeout)) QEL_RAISE_ERROR(LockTimeout(timeout.ToString()), "Qel.Core.Mutex");
+    if (!TryLock(timeout)) RaiseTimeout(timeout);
 }
 
 bool Mutex::TryLock(const Elapse& timeout)
 {
     if (m_Destroyed.load()) QEL_RAISE_ERROR(MutexDestroyedBeforeLockAcquired(), "Qel.Core.Mutex");
 
-    bool main = IsMainThread();
+    bool main = MainThread::IsMain();
     if (main && ++m_MainThreadTries > GetMaxReentrancy()) {
         --m_MainThreadTries;
         QEL_RAISE_ERROR(ExceededMaxReentrancy(), "Qel.Core.Mutex.TryLock");
         return false;
     }
 
-    Platform::RecursiveTimedLock& lock = m_pImpl->lock;
+    Platform::RecursiveTimedLock& lock = PlatformLock(m_CriticalSection);
     Platform::Deadline deadline = Platform::DeadlineAfterTicks(timeout.GetRawTimerTicks());
     auto start = std::chrono::steady_clock::now();
     bool acquired = false;
@@ -118,7 +137,7 @@ bool Mutex::TryLock(const Elapse& timeout)
     if (acquired) {
         std::int32_t count = m_LockCount.load(std::memory_order_relaxed) + 1;
         m_LockCount.store(count, std::memory_order_relaxed);
-        if (count == 1) m_OwnerThreadId.store(Platform::CurrentThreadId(), std::memory_order_relaxed);
+        if (count == 1) m_OwnerThreadId.store(Platform::ThreadIdFast(), std::memory_order_relaxed);
     } else if (borrowed) {
         m_BorrowedLocks.fetch_add(1);
         m_LockCount.store(m_LockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -134,19 +153,26 @@ bool Mutex::TryLock(const Elapse& timeout)
     return acquired;
 }
 
+namespace {
+[[gnu::noinline, gnu::cold]] void AssertUnlockWithoutLock()
+{
+    AssertFailed("0 <= --m_LockCount", QEL_CODE_CONTEXT());
+}
+} // namespace
+
 void Mutex::Unlock()
 {
-    bool main = IsMainThread();
+    bool main = MainThread::IsMain();
     std::int32_t count = m_LockCount.load(std::memory_order_relaxed) - 1;
-    if (count < 0) {
-        AssertFailed("0 <= --m_LockCount", QEL_CODE_CONTEXT());
+    if (count < 0) [[unlikely]] {
+        AssertUnlockWithoutLock();
         return;
     }
     m_LockCount.store(count, std::memory_order_relaxed);
     if (count == 0) {
         m_OwnerThreadId.store(0, std::memory_order_relaxed);
     } else if (m_BorrowedLocks.load() > 0) {
-        if (main && Platform::CurrentThreadId() != m_OwnerThreadId.load(std::memory_order_relaxed)) {
+        if (main && Platform::ThreadIdFast() != m_OwnerThreadId.load(std::memory_order_relaxed)) {
             // The end of a loan: the lender still holds the lock itself.
             if (m_BorrowedLocks.fetch_sub(1) - 1 < 0) m_BorrowedLocks.store(0);
             MainThread::RemoveHeldLock(this);
@@ -155,7 +181,7 @@ void Mutex::Unlock()
         m_BorrowedLocks.store(0);
     }
     if (main) MainThread::RemoveHeldLock(this);
-    m_pImpl->lock.Unlock();
+    PlatformLock(m_CriticalSection).Unlock();
 }
 
 bool Mutex::IsLocked() const
@@ -166,7 +192,7 @@ bool Mutex::IsLocked() const
 bool Mutex::LockedByCurrentThread() const
 {
     if (m_LockCount.load(std::memory_order_relaxed) < 1) return false;
-    return m_OwnerThreadId.load(std::memory_order_relaxed) == Platform::CurrentThreadId();
+    return m_OwnerThreadId.load(std::memory_order_relaxed) == Platform::ThreadIdFast();
 }
 
 // ---- Lock ----

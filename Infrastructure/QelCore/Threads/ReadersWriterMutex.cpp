@@ -9,7 +9,7 @@ namespace Qel::Core {
 namespace {
 unsigned long CurrentId()
 {
-    return Platform::CurrentThreadId();
+    return Platform::ThreadIdFast();
 }
 
 // What is left of a deadline, as a time-out.

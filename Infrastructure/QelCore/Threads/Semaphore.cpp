@@ -36,7 +36,7 @@ void Semaphore::Post(unsigned int amount)
 
 void Semaphore::Wait()
 {
-    if (IsMainThread()) {
+    if (MainThread::IsMain()) {
         (void)TimedWait(Elapse::Infinite());
         return;
     }
@@ -51,7 +51,7 @@ bool Semaphore::TimedWait(const Elapse& timeout)
     auto milliseconds = static_cast<std::uint32_t>(static_cast<std::int64_t>(timeout.GetElapsed(Elapse::MilliSeconds)));
     Platform::Deadline deadline = Platform::DeadlineAfterTicks(static_cast<std::int64_t>(milliseconds) * 10000);
     int result;
-    if (IsMainThread()) {
+    if (MainThread::IsMain()) {
         if (++m_MainThreadDepth > GetMaxReentrancy()) {
             --m_MainThreadDepth;
             QEL_RAISE_ERROR(ExceededMaxReentrancy(), "Qel.Core.Semaphore.TimedWait");

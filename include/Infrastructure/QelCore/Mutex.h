@@ -67,8 +67,9 @@ public:
     bool LockedByCurrentThread() const;
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> m_pImpl; // the platform lock
+    // The platform lock lives inside the object (on the cache line of the counters below); its
+    // type is the platform layer's own.
+    alignas(8) unsigned char m_CriticalSection[16];
     std::atomic<std::int32_t> m_WaitingThreads;
     std::atomic<bool> m_Destroyed;
     std::atomic<std::int32_t> m_LockCount;
