@@ -2,6 +2,7 @@
 #include <Infrastructure/QelCore/QelCore.h>
 
 #include <iostream>
+#include <thread>
 #include <vector>
 
 using namespace Qel::Core;
@@ -119,6 +120,39 @@ void ShowCallbacks()
               << "\n";
 }
 
+void ShowTimeAndLocks()
+{
+    Heading("Time and locks with time-outs");
+    Time now;
+    std::cout << "now: " << now.ToString() << " (" << now.DayName() << ")\n";
+    Elapse timeout(250, Elapse::MilliSeconds);
+    std::cout << "time-out as text: " << timeout.ToString() << ", as a person reads it: " << timeout << "\n";
+
+    Mutex mutex;
+    mutex.Lock(); // this thread holds it; a worker tries with the time-out
+    std::thread worker([&] {
+        Time start;
+        try {
+            Lock guard(mutex, timeout);
+            std::cout << "worker got the lock (unexpected)\n";
+        } catch (LockTimeout& error) {
+            std::cout << "worker gave up after " << (Time() - start).GetElapsed(Elapse::MilliSeconds) << " ms: "
+                      << error.GetMessageA() << "\n";
+            std::cout << "  raised at " << error.GetData(AlertInfo::sTIME_STAMP) << " by logger "
+                      << error.GetData(AlertInfo::sLOG_NAME) << "\n";
+        }
+    });
+    worker.join();
+    mutex.Unlock();
+
+    ReadersWriterMutex table;
+    {
+        ReaderLock read(table);
+        WriterLock write(table); // the only reader may upgrade
+        std::cout << "a reader upgraded to writer and back\n";
+    }
+}
+
 } // namespace
 
 int main()
@@ -128,6 +162,7 @@ int main()
     ShowErrors();
     ShowStrings();
     ShowCallbacks();
+    ShowTimeAndLocks();
     ShutdownQelCore();
     std::cout << "\ndone\n";
     return 0;
