@@ -4,12 +4,41 @@
 #include "Infrastructure/QelCore/Platform/Locks.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
+#include <algorithm>
+#include <unordered_map>
+
 namespace Qel::Core {
 
 namespace {
 unsigned long CurrentId()
 {
     return Platform::ThreadIdFast();
+}
+
+template <typename Container, typename Predicate>
+auto FindIf(Container& container, Predicate predicate)
+{
+    return std::find_if(container.begin(), container.end(), predicate);
+}
+
+bool Contains(const std::vector<unsigned long>& ids, unsigned long tid)
+{
+    return std::find(ids.begin(), ids.end(), tid) != ids.end();
+}
+
+// Removes the id; tells whether it was there.
+bool Erase(std::vector<unsigned long>& ids, unsigned long tid)
+{
+    auto found = std::find(ids.begin(), ids.end(), tid);
+    if (found == ids.end()) return false;
+    *found = ids.back();
+    ids.pop_back();
+    return true;
+}
+
+void Insert(std::vector<unsigned long>& ids, unsigned long tid)
+{
+    if (!Contains(ids, tid)) ids.push_back(tid);
 }
 
 // What is left of a deadline, as a time-out.
@@ -35,13 +64,15 @@ ReadersWriterMutex::~ReadersWriterMutex()
 
 void ReadersWriterMutex::CallLogger(const char* code, const char* text)
 {
-    if (m_pLogger != nullptr) m_pLogger(m_writer, m_readers, m_PendingWriters, m_PendingReaders, code, text);
+    if (m_pLogger == nullptr) return;
+    std::unordered_map<unsigned long, unsigned int> readers(m_readers.begin(), m_readers.end());
+    m_pLogger(m_writer, readers, m_PendingWriters, m_PendingReaders, code, text);
 }
 
 bool ReadersWriterMutex::PrivateTryWaitReaderLock(unsigned long tid)
 {
     if (m_writer.second > 0 && m_writer.first != tid) return false;
-    auto found = m_readers.find(tid);
+    auto found = FindIf(m_readers, [tid](const auto& reader) { return reader.first == tid; });
     if (found != m_readers.end()) {
         ++found->second;
         return true;
@@ -52,8 +83,8 @@ bool ReadersWriterMutex::PrivateTryWaitReaderLock(unsigned long tid)
         m_Condition.Broadcast();
         return false;
     }
-    m_readers.emplace(tid, 1);
-    m_ActiveReaders.insert(tid);
+    m_readers.emplace_back(tid, 1);
+    Insert(m_ActiveReaders, tid);
     return true;
 }
 
@@ -65,7 +96,7 @@ bool ReadersWriterMutex::PrivateTryWaitWriterLock(unsigned long tid)
         return true;
     }
     if (m_ActiveReaders.size() > 1) return false;
-    if (m_ActiveReaders.size() == 1 && *m_ActiveReaders.begin() != tid) return false;
+    if (m_ActiveReaders.size() == 1 && m_ActiveReaders.front() != tid) return false;
     m_writer = {tid, 1};
     return true;
 }
@@ -119,7 +150,7 @@ void ReadersWriterMutex::ReaderUnlock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
-    auto it = m_readers.find(tid);
+    auto it = FindIf(m_readers, [tid](const auto& reader) { return reader.first == tid; });
     if (it == m_readers.end()) {
         AssertFailed("it != m_readers.end()", QEL_CODE_CONTEXT());
         return;
@@ -129,8 +160,9 @@ void ReadersWriterMutex::ReaderUnlock()
         return;
     }
     if (--it->second == 0) {
-        m_readers.erase(it);
-        m_ActiveReaders.erase(tid);
+        *it = m_readers.back();
+        m_readers.pop_back();
+        Erase(m_ActiveReaders, tid);
         CallLogger("RL-", "ReaderUnlock");
         if (m_PendingWriters > 0) {
             CallLogger("RUB", "ReaderUnlock broadcast writers");
@@ -149,11 +181,11 @@ void ReadersWriterMutex::WaitWriterLock()
     CallLogger("WW>", "WaitWriterLock started");
     if (!PrivateTryWaitWriterLock(tid)) {
         // Step aside: another reader that upgrades now sees one active reader fewer.
-        bool steppedAside = m_ActiveReaders.erase(tid) != 0;
+        bool steppedAside = Erase(m_ActiveReaders, tid);
         do {
             m_Condition.Wait();
         } while (!PrivateTryWaitWriterLock(tid));
-        if (steppedAside) m_ActiveReaders.insert(tid);
+        if (steppedAside) Insert(m_ActiveReaders, tid);
     }
     --m_PendingWriters;
     CallLogger("WW+", "WaitWriterLock succeeded");
@@ -167,12 +199,12 @@ bool ReadersWriterMutex::TimedWaitWriterLock(const Elapse& timeout)
     ++m_PendingWriters;
     CallLogger("WT>", "TimedWaitWriterLock started");
     if (!PrivateTryWaitWriterLock(tid)) {
-        bool steppedAside = m_ActiveReaders.erase(tid) != 0;
+        bool steppedAside = Erase(m_ActiveReaders, tid);
         bool acquired = false;
         while (m_Condition.TimedWait(LeftUntil(deadline))) {
             if (steppedAside) {
                 // From here on the thread waits as an active reader again.
-                m_ActiveReaders.insert(tid);
+                Insert(m_ActiveReaders, tid);
                 steppedAside = false;
             }
             if (PrivateTryWaitWriterLock(tid)) {
@@ -181,7 +213,7 @@ bool ReadersWriterMutex::TimedWaitWriterLock(const Elapse& timeout)
             }
         }
         if (!acquired) {
-            if (steppedAside) m_ActiveReaders.insert(tid);
+            if (steppedAside) Insert(m_ActiveReaders, tid);
             --m_PendingWriters;
             if (PrivateTryWaitWriterLock(tid)) {
                 CallLogger("WT+", "TimedWaitWriterLock succeeded");
@@ -226,7 +258,7 @@ void ReadersWriterMutex::WriterUnlock()
     CallLogger("WL-", "WriterUnlock");
     if (m_writer.second == 0 && (m_PendingWriters >= 1 || m_PendingReaders >= 1)) {
         // The thread still reads and no pending writer could pass: nobody to wake.
-        if (m_PendingReaders < 1 && m_ActiveReaders.count(threadID) != 0) return;
+        if (m_PendingReaders < 1 && Contains(m_ActiveReaders, threadID)) return;
         CallLogger("WB*", "WriterUnlock broadcast all");
         m_Condition.Broadcast();
     }

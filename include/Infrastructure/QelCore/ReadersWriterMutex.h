@@ -11,8 +11,8 @@
 
 #include <cstdint>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace Qel::Core {
 
@@ -49,12 +49,18 @@ private:
     bool PrivateTryWaitWriterLock(unsigned long tid);
     void CallLogger(const char* code, const char* text);
 
+    // The readers are a handful of threads at most: flat vectors searched from the front keep
+    // their memory between uses, so that taking and giving back a read never allocates. The
+    // logger receives them as the map of its signature.
+    using ReaderCounts = std::vector<std::pair<unsigned long, unsigned int>>;
+    using ThreadIds = std::vector<unsigned long>;
+
     mutable Condition m_Condition;
     std::pair<unsigned long, unsigned int> m_writer;
-    std::unordered_map<unsigned long, unsigned int> m_readers;
+    ReaderCounts m_readers;   // every thread that reads, with its nesting count (above 0)
     int m_PendingWriters;
     int m_PendingReaders;
-    std::unordered_set<unsigned long> m_ActiveReaders;
+    ThreadIds m_ActiveReaders; // the readers that count against a writer
     Logger m_pLogger;
 };
 
