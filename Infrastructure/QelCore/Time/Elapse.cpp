@@ -1,6 +1,8 @@
 // Elapse: conversions, the fixed text form and its parser, the human stream form, and QelSleep.
 #include "Infrastructure/QelCore/Elapse.h"
 
+#include "Infrastructure/QelCore/Time/TextFields.h"
+
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Platform/TimePlatform.h"
 
@@ -11,50 +13,11 @@
 namespace Qel::Core {
 namespace {
 
+using TextFields::IsSpace;
+using TextFields::ReadUnsigned32;
+using TextFields::WriteDecimal;
+
 const char* const sLOG_NAME = "Qel.Core.Elapse";
-
-// Writes `value` in decimal, at least `width` digits wide with leading zeros; returns the end.
-char* WriteDecimal(char* out, std::uint64_t value, int width)
-{
-    char digits[20];
-    int count = 0;
-    do {
-        digits[count++] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    for (int i = count; i < width; ++i) *out++ = '0';
-    while (count > 0) *out++ = digits[--count];
-    return out;
-}
-
-bool IsSpace(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-
-// A piece of text read as a 32-bit strtoul in base 10 reads it: leading white space, an optional
-// sign, then digits up to the first other character. No digits give 0, a value beyond 32 bits
-// gives 0xFFFFFFFF, a minus sign negates in 32 bits. The width is that of the unsigned long the
-// text form was defined with, so that texts read the same on every platform.
-std::uint32_t ReadUnsigned32(std::string_view piece)
-{
-    std::size_t i = 0;
-    while (i < piece.size() && IsSpace(piece[i])) ++i;
-    bool bNegative = false;
-    if (i < piece.size() && (piece[i] == '+' || piece[i] == '-')) bNegative = piece[i++] == '-';
-    std::uint64_t value = 0;
-    bool bOverflow = false;
-    for (; i < piece.size() && piece[i] >= '0' && piece[i] <= '9'; ++i) {
-        value = value * 10 + static_cast<std::uint64_t>(piece[i] - '0');
-        if (value > 0xFFFFFFFFULL) {
-            bOverflow = true;
-            value = 0xFFFFFFFFULL;
-        }
-    }
-    if (bOverflow) return 0xFFFFFFFFU;
-    const std::uint32_t result = static_cast<std::uint32_t>(value);
-    return bNegative ? 0U - result : result;
-}
 
 std::string_view TrimmedView(const std::string& text)
 {

@@ -7,6 +7,8 @@
 // so that ICU's own copy of the zone rules cannot disagree with the system's.
 #include "Infrastructure/QelCore/Time.h"
 
+#include "Infrastructure/QelCore/Time/TextFields.h"
+
 #include "Infrastructure/QelCore/Platform/TimePlatform.h"
 
 #include <unicode/calendar.h>
@@ -61,45 +63,12 @@ std::int64_t LocalMidnight(int year, int month, int day)
 
 // ---- text ----
 
-bool IsSpace(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
+using TextFields::IsSpace;
+using TextFields::ReadUnsigned32;
 
-// Writes `value` in decimal, at least `width` digits wide with leading zeros; returns the end.
 char* WriteDecimal(char* out, int value, int width)
 {
-    std::uint32_t magnitude = static_cast<std::uint32_t>(value);
-    if (value < 0) {
-        *out++ = '-';
-        magnitude = 0U - magnitude;
-    }
-    char digits[10];
-    int count = 0;
-    do {
-        digits[count++] = static_cast<char>('0' + magnitude % 10);
-        magnitude /= 10;
-    } while (magnitude != 0);
-    for (int i = count; i < width; ++i) *out++ = '0';
-    while (count > 0) *out++ = digits[--count];
-    return out;
-}
-
-// A piece of text as a 32-bit strtoul in base 10 reads it (see Elapse.cpp): white space, a sign,
-// digits up to the first other character; 0 without digits, 0xFFFFFFFF beyond 32 bits.
-std::uint32_t ReadUnsigned32(std::string_view piece)
-{
-    std::size_t i = 0;
-    while (i < piece.size() && IsSpace(piece[i])) ++i;
-    bool bNegative = false;
-    if (i < piece.size() && (piece[i] == '+' || piece[i] == '-')) bNegative = piece[i++] == '-';
-    std::uint64_t value = 0;
-    for (; i < piece.size() && piece[i] >= '0' && piece[i] <= '9'; ++i) {
-        value = value * 10 + static_cast<std::uint64_t>(piece[i] - '0');
-        if (value > 0xFFFFFFFFULL) return 0xFFFFFFFFU;
-    }
-    const std::uint32_t result = static_cast<std::uint32_t>(value);
-    return bNegative ? 0U - result : result;
+    return TextFields::WriteSignedDecimal(out, value, width);
 }
 
 // A field value read from text, as an int; values beyond any calendar field become -1, which
