@@ -126,3 +126,44 @@ TEST(Condition, TimedWaitIsWokenBeforeItsTimeOut)
     }
     waiter.join();
 }
+
+TEST(Condition, TimedOutWaiterNeverSwallowsAnotherWaitersWakeUp)
+{
+    // One thread keeps timing out on the condition while another waits for a predicate that is
+    // set and signalled: the signal must always reach the second.
+    for (int round = 0; round < 100; ++round) {
+        Condition condition;
+        bool ready = false;
+        std::atomic<bool> stop{false};
+        std::thread timingOut([&] {
+            Lock guard(condition);
+            while (!stop.load()) (void)condition.TimedWait(Elapse(1, Elapse::MilliSeconds));
+        });
+        std::atomic<bool> waiting{false};
+        std::thread waiter([&] {
+            Lock guard(condition);
+            waiting = true;
+            while (!ready) ASSERT_TRUE(condition.TimedWait(Elapse(10, Elapse::Seconds)));
+        });
+        while (!waiting.load()) std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        {
+            Lock guard(condition);
+            ready = true;
+            condition.Signal();
+        }
+        waiter.join();
+        stop = true;
+        timingOut.join();
+    }
+}
+
+TEST(Condition, TimeOutsThatAreOverMakeOneTry)
+{
+    Condition condition;
+    Lock guard(condition);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(condition.TimedWait(Elapse(-5, Elapse::MilliSeconds)));
+    EXPECT_FALSE(condition.TimedWait(Elapse(-1, Elapse::Days)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}

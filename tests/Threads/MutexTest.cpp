@@ -276,3 +276,41 @@ TEST(MainThread, NestedTriesThroughMessageHandlersStopAtTheLimit)
     holder.join();
     EXPECT_FALSE(mutex.IsLocked());
 }
+
+TEST(MainThread, ConditionAndSemaphoreWaitsNestThroughHandlersToTheLimit)
+{
+    MainThreadScope main;
+    Semaphore semaphore;
+    int depth = 0;
+    int raisedAt = 0;
+    std::string logger;
+    auto previous = StandIns::SetMessagePump([&](int) {
+        if (raisedAt != 0) return;
+        ++depth;
+        try {
+            (void)semaphore.TimedWait(Elapse(1, Elapse::Seconds));
+        } catch (ExceededMaxReentrancy& error) {
+            if (raisedAt == 0) raisedAt = depth;
+            logger = error.GetData(AlertInfo::sLOG_NAME);
+        }
+        --depth;
+    });
+    EXPECT_FALSE(semaphore.TimedWait(Elapse(1, Elapse::Seconds)));
+    EXPECT_EQ(raisedAt, 100); // the outer wait and 99 handlers nested; the 100th handler's wait raised
+    EXPECT_EQ(logger, "Qel.Core.Semaphore.TimedWait");
+
+    // The main thread's condition wait gives up the lock while it polls: a worker gets it.
+    Condition condition;
+    StandIns::SetMessagePump(previous);
+    condition.Lock();
+    std::atomic<bool> workerHadLock{false};
+    std::thread worker([&] {
+        condition.Lock();
+        workerHadLock = true;
+        condition.Signal();
+        condition.Unlock();
+    });
+    while (!workerHadLock.load()) (void)condition.TimedWait(Elapse(50, Elapse::MilliSeconds));
+    condition.Unlock();
+    worker.join();
+}

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -156,6 +157,9 @@ TEST(ReadersWriterMutex, TwoReadersUpgradingAtOnceDoNotDeadlock)
             ++readers;
             while (readers.load() < 2) std::this_thread::yield();
             WriterLock write(mutex); // one steps aside, the other is upgraded
+            // Give the read back first, then the write.
+            read.Release();
+            write.Release();
         };
         std::thread other(upgrade);
         upgrade();
@@ -235,4 +239,34 @@ TEST(ReadersWriterMutex, GuardsReleaseOnceAndResetKeepsAHeldMutex)
         EXPECT_TRUE(second.TryWaitWriterLock());
         second.WriterUnlock();
     });
+}
+
+TEST(ReadersWriterMutex, LoggerSeesReadersStandBackAndWritersGiveUp)
+{
+    g_Rows.clear();
+    ReadersWriterMutex mutex(&RecordRow);
+    mutex.WaitReaderLock();
+    std::thread writer([&] { EXPECT_FALSE(mutex.TimedWaitWriterLock(Elapse(300, Elapse::MilliSeconds))); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    OnOtherThread([&] { EXPECT_FALSE(mutex.TryWaitReaderLock()); }); // stands back: RLB
+    writer.join();
+    mutex.ReaderUnlock();
+    auto has = [&](const char* code) { return std::find(g_Rows.begin(), g_Rows.end(), code) != g_Rows.end(); };
+    EXPECT_TRUE(has("RLB"));
+    EXPECT_TRUE(has("WT>"));
+    EXPECT_TRUE(has("WT<"));
+    EXPECT_TRUE(has("WBR")); // the last pending writer gave up: readers may go again
+
+    g_Rows.clear();
+    mutex.WaitReaderLock();
+    std::thread waitingWriter([&] {
+        mutex.WaitWriterLock();
+        mutex.WriterUnlock();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    mutex.ReaderUnlock(); // the last read goes while a writer waits: RUB
+    waitingWriter.join();
+    EXPECT_TRUE(has("WW>"));
+    EXPECT_TRUE(has("RUB"));
+    EXPECT_TRUE(has("WW+"));
 }

@@ -29,6 +29,20 @@ TEST(Semaphore, CountsWhatWasPostedAndNotTaken)
     EXPECT_EQ(semaphore.GetCount(), 0u);
 }
 
+TEST(Semaphore, PostAddsToTheCountAndOverTimeOutsMakeOneTry)
+{
+    Semaphore semaphore;
+    semaphore.Post(3);
+    EXPECT_EQ(semaphore.GetCount(), 3u);
+    EXPECT_TRUE(semaphore.TimedWait(Elapse(-5, Elapse::MilliSeconds))); // a unit is there: taken
+    EXPECT_EQ(semaphore.GetCount(), 2u);
+    EXPECT_TRUE(semaphore.TryWait());
+    EXPECT_TRUE(semaphore.TryWait());
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(semaphore.TimedWait(Elapse(-5, Elapse::MilliSeconds)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
 TEST(Semaphore, PostLetsThatManyWaitersPass)
 {
     Semaphore semaphore;

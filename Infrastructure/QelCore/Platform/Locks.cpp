@@ -99,8 +99,12 @@ void RecursiveTimedLock::Abort()
 void AutoResetEvent::Set()
 {
     std::lock_guard<std::mutex> gate(m_Gate);
-    m_bSet = true;
-    m_Wake.notify_one();
+    if (m_Waiting > m_Released) {
+        ++m_Released;
+        m_Wake.notify_one();
+    } else {
+        m_bSet = true;
+    }
 }
 
 void AutoResetEvent::Reset()
@@ -109,12 +113,24 @@ void AutoResetEvent::Reset()
     m_bSet = false;
 }
 
+int AutoResetEvent::WaitLocked(std::unique_lock<std::mutex>& gate, Deadline deadline)
+{
+    if (m_bSet) {
+        m_bSet = false;
+        return WAIT_SIGNALLED;
+    }
+    ++m_Waiting;
+    // A release handed out while this thread waited is taken even if the time ran out meanwhile.
+    bool released = m_Wake.wait_until(gate, deadline, [this] { return m_Released > 0; });
+    if (released) --m_Released;
+    --m_Waiting;
+    return released ? WAIT_SIGNALLED : WAIT_TIMED_OUT;
+}
+
 int AutoResetEvent::WaitUntil(Deadline deadline)
 {
     std::unique_lock<std::mutex> gate(m_Gate);
-    if (!m_Wake.wait_until(gate, deadline, [this] { return m_bSet; })) return WAIT_TIMED_OUT;
-    m_bSet = false;
-    return WAIT_SIGNALLED;
+    return WaitLocked(gate, deadline);
 }
 
 int AutoResetEvent::ReleaseAndWaitUntil(RecursiveTimedLock& lock, Deadline deadline)
@@ -122,9 +138,7 @@ int AutoResetEvent::ReleaseAndWaitUntil(RecursiveTimedLock& lock, Deadline deadl
     std::unique_lock<std::mutex> gate(m_Gate);
     // The event's gate is held from before the release: a Set after the release waits for it.
     lock.Unlock();
-    if (!m_Wake.wait_until(gate, deadline, [this] { return m_bSet; })) return WAIT_TIMED_OUT;
-    m_bSet = false;
-    return WAIT_SIGNALLED;
+    return WaitLocked(gate, deadline);
 }
 
 // ---- CountingSemaphore ----

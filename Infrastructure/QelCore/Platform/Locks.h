@@ -72,7 +72,7 @@ public:
     }
     // Blocks until the lock is the caller's (true), the deadline passes or Abort was called
     // (false). A deadline that has passed makes one try.
-    bool TryLockUntil(Deadline deadline) { return TryLock() || LockSlow(&deadline); }
+    bool TryLockUntil(Deadline deadline) { return TryLock() || (!HasPassed(deadline) && LockSlow(&deadline)); }
     // Gives back one level; the caller must hold the lock.
     void Unlock()
     {
@@ -101,8 +101,10 @@ private:
     std::atomic<bool> m_bAborted{false};
 };
 
-// An event that lets one waiter through per Set and then resets itself. A Set with nobody waiting
-// stays set until somebody waits.
+// An event that lets one waiter through per Set and then resets itself. As with the kernel event
+// it stands for, a Set while threads wait releases one of them at once: the release belongs to
+// that thread, and a later Reset cannot take it back. A Set with nobody waiting leaves the event
+// set until somebody waits or Reset clears it.
 class QEL_CORE_LOCAL AutoResetEvent
 {
 public:
@@ -115,9 +117,13 @@ public:
     int ReleaseAndWaitUntil(RecursiveTimedLock& lock, Deadline deadline);
 
 private:
+    int WaitLocked(std::unique_lock<std::mutex>& gate, Deadline deadline);
+
     std::mutex m_Gate;
     std::condition_variable m_Wake;
     bool m_bSet = false;
+    int m_Waiting = 0;  // threads inside a wait
+    int m_Released = 0; // releases handed to waiting threads and not yet taken
 };
 
 // A counting semaphore with timed waits.

@@ -10,9 +10,11 @@ namespace Qel::Core {
 namespace {
 constexpr std::int64_t kMainThreadSliceTicks = 100 * 10000; // 100 ms
 
-// A time-out in whole milliseconds, of which the low 32 bits count, as a deadline.
+// A time-out in whole milliseconds, of which the low 32 bits count, as a deadline. A time-out
+// that is over (zero or negative) means one try, never a wrapped, huge wait.
 Platform::Deadline WaitDeadline(const Elapse& timeout)
 {
+    if (timeout.GetRawTimerTicks() <= 0) return Platform::DeadlineAfterTicks(0);
     auto milliseconds = static_cast<std::uint32_t>(static_cast<std::int64_t>(timeout.GetElapsed(Elapse::MilliSeconds)));
     return Platform::DeadlineAfterTicks(static_cast<std::int64_t>(milliseconds) * 10000);
 }
@@ -73,8 +75,7 @@ bool Condition::TryLock(const Elapse& timeout)
 void Condition::Unlock()
 {
     // Only the owner can give the lock back; a release by another thread changes nothing.
-    if (m_pImpl->mutex.Owner() != Platform::ThreadIdFast()) return;
-    m_pImpl->mutex.Unlock();
+    if (m_pImpl->mutex.Owner() == Platform::ThreadIdFast()) m_pImpl->mutex.Unlock();
     if (MainThread::IsMain()) MainThread::RemoveHeldLock(this);
 }
 

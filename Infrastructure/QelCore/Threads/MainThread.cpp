@@ -6,6 +6,7 @@
 #include "Infrastructure/QelCore/System/Frame.h"
 
 #include <algorithm>
+#include <chrono>
 #include <list>
 #include <map>
 
@@ -25,8 +26,11 @@ std::map<const void*, std::weak_ptr<MainThread::BusyWaitImpl>>& BusyWaits()
     return s_BusyWaits;
 }
 
-// The main thread polls in slices this long between yields.
-constexpr std::int64_t kPollSliceTicks = 10 * 10000; // 10 ms
+// The main thread polls in 1 ms slices for the first 100 ms of a wait, then in 10 ms slices,
+// yielding its locks and pumping messages between them.
+constexpr std::int64_t kFastSliceTicks = 1 * 10000;
+constexpr std::int64_t kSlowSliceTicks = 10 * 10000;
+constexpr auto kFastPollPeriod = std::chrono::milliseconds(100);
 
 } // namespace
 
@@ -83,12 +87,16 @@ void YieldHeldLocks()
     for (IMutex* mutex : held) mutex->Lock(Elapse::Infinite());
 }
 
-BusyWaitImpl::BusyWaitImpl(Poll poll, Platform::Deadline deadline) : m_Poll(std::move(poll)), m_Deadline(deadline) {}
+BusyWaitImpl::BusyWaitImpl(Poll poll, Platform::Deadline deadline)
+    : m_Poll(std::move(poll)), m_Deadline(deadline), m_Start(std::chrono::steady_clock::now())
+{
+}
 
 int BusyWaitImpl::Wait()
 {
     while (!m_bCompleted) {
-        Platform::Deadline slice = Platform::DeadlineAfterTicks(kPollSliceTicks);
+        bool early = std::chrono::steady_clock::now() - m_Start < kFastPollPeriod;
+        Platform::Deadline slice = Platform::DeadlineAfterTicks(early ? kFastSliceTicks : kSlowSliceTicks);
         bool last = m_Deadline <= slice;
         int result = m_Poll(last ? m_Deadline : slice);
         if (result == Platform::WAIT_SIGNALLED || (result == Platform::WAIT_TIMED_OUT && last)) {

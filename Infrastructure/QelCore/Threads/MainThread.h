@@ -46,6 +46,7 @@ public:
 private:
     Poll m_Poll;
     Platform::Deadline m_Deadline;
+    Platform::Deadline m_Start;
     bool m_bCompleted = false;
     bool m_bTimedOut = false;
 };

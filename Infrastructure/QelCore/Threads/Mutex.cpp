@@ -148,8 +148,13 @@ bool Mutex::TryLock(const Elapse& timeout)
         if (acquired) MainThread::AddHeldLock(this);
     }
     bool destroyed = m_Destroyed.load();
+    if (destroyed && acquired) {
+        // Got hold of a mutex that is going away: give it back and report it like the others.
+        Unlock();
+        acquired = false;
+    }
     m_WaitingThreads.fetch_sub(1); // the mutex may be gone from here on if it was destroyed
-    if (destroyed && !acquired) QEL_RAISE_ERROR(MutexDestroyedBeforeLockAcquired(), "Qel.Core.Mutex");
+    if (destroyed) RaiseDestroyed();
     return acquired;
 }
 

@@ -48,7 +48,10 @@ void Semaphore::Wait()
 
 bool Semaphore::TimedWait(const Elapse& timeout)
 {
-    auto milliseconds = static_cast<std::uint32_t>(static_cast<std::int64_t>(timeout.GetElapsed(Elapse::MilliSeconds)));
+    // Whole milliseconds, of which the low 32 bits count; a time-out that is over means one try.
+    auto milliseconds = timeout.GetRawTimerTicks() <= 0
+                            ? 0u
+                            : static_cast<std::uint32_t>(static_cast<std::int64_t>(timeout.GetElapsed(Elapse::MilliSeconds)));
     Platform::Deadline deadline = Platform::DeadlineAfterTicks(static_cast<std::int64_t>(milliseconds) * 10000);
     int result;
     if (MainThread::IsMain()) {
