@@ -13,6 +13,7 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Mutex.h"
+#include "Infrastructure/QelCore/Notification.h"
 #include "Infrastructure/QelCore/ReadersWriterMutex.h"
 #include "Infrastructure/QelCore/Semaphore.h"
 #include "Infrastructure/QelCore/StringTools.h"
