@@ -1,6 +1,8 @@
 // Helpers shared by the unit tests: capture of the debug output and a counting alert observer.
 #pragma once
 
+#include <Infrastructure/QelCore/QelCore.h>
+
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
@@ -34,8 +36,9 @@ private:
     Qel::Core::Platform::DebugOutputHook m_Previous;
 };
 
-// Records every alert the broker broadcasts while it is installed.
-class AlertRecorder : public Qel::Core::StandIns::AlertObserver
+// Records every alert the alert manager broadcasts while it lives, and can take raised errors in
+// place (a handler on the base class of all errors).
+class AlertRecorder : public Qel::Core::AlertListener
 {
 public:
     struct Event
@@ -46,15 +49,24 @@ public:
         const void* object;
     };
 
-    AlertRecorder() { m_pPrevious = Qel::Core::StandIns::SetAlertObserver(this); }
-    ~AlertRecorder() override { Qel::Core::StandIns::SetAlertObserver(m_pPrevious); }
+    AlertRecorder() { Qel::Core::AlertManager::Instance()->AddAlertListener(*this); }
+    ~AlertRecorder() override
+    {
+        HandleInPlace(false);
+        RemoveAllNotificationSources();
+    }
 
     void ErrorRaised(Qel::Core::Error& error) override { Add("raised", error); }
     void ErrorHandled(Qel::Core::Error& error) override { Add("handled", error); }
     void WarningRaised(Qel::Core::Warning& warning) override { Add("warning", warning); }
-    bool UseErrorHandler(Qel::Core::Error&) override { return m_bHandleInPlace; }
 
-    void HandleInPlace(bool handle) { m_bHandleInPlace = handle; }
+    void HandleInPlace(bool handle)
+    {
+        auto* manager = Qel::Core::AlertManager::Instance();
+        std::string errorClass = Qel::Core::TypeName(typeid(Qel::Core::Error));
+        if (handle) manager->AddErrorHandler(errorClass, m_spHandler);
+        else manager->RemoveErrorHandler(errorClass, m_spHandler);
+    }
     std::vector<Event> Events()
     {
         std::lock_guard<std::mutex> guard(m_Mutex);
@@ -69,6 +81,11 @@ public:
     }
 
 private:
+    struct TakeAll : Qel::Core::ErrorHandler
+    {
+        bool Handle(Qel::Core::Error&) override { return true; }
+    };
+
     void Add(const std::string& kind, Qel::Core::AlertInfo& alert)
     {
         std::lock_guard<std::mutex> guard(m_Mutex);
@@ -77,8 +94,7 @@ private:
 
     std::mutex m_Mutex;
     std::vector<Event> m_Events;
-    bool m_bHandleInPlace = false;
-    Qel::Core::StandIns::AlertObserver* m_pPrevious = nullptr;
+    std::shared_ptr<Qel::Core::ErrorHandler> m_spHandler = std::make_shared<TakeAll>();
 };
 
 } // namespace QelTest

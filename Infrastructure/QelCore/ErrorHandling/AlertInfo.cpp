@@ -1,7 +1,9 @@
 // The shared body of alerts.
 #include "Infrastructure/QelCore/AlertInfo.h"
 
+#include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/Time.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
@@ -69,7 +71,7 @@ AlertInfo::AlertInfo() : m_eSeverity(static_cast<ESeverity>(-1))
     } catch (...) {
     }
     try { m_spUnwindStack = std::make_shared<ContextStack>(); } catch (...) {}
-    try { SetData(sTIME_STAMP, StandIns::TimeStampNow()); } catch (...) {}
+    try { SetData(sTIME_STAMP, Time().ToString()); } catch (...) {}
     try { SetData(sMESSAGE, "No Message"); } catch (...) {}
     try { SetData(sCATEGORY, "Unknown"); } catch (...) {}
     try { SetData(sLOG_NAME, std::string()); } catch (...) {}
@@ -170,6 +172,9 @@ void AlertInfo::ToXML(XMLWriter& writer, std::ostream& out, const std::string& c
 
 void AlertInfo::GetDisplayFormat(const std::string& typeName, const std::string& defaultFormat, std::string& format)
 {
+    // First use of the class in the process: its entry in the manager's cache (the lasting effect
+    // is the cache and the default wording collected for translators).
+    if (AlertManager* manager = AlertManager::Instance()) (void)manager->CachedDisplayFormat(typeName, defaultFormat);
     // The locale's own wording of the class, if it has one; otherwise the default wording is
     // collected in the root locale's tables so that it can be written out for translators.
     std::string localized;

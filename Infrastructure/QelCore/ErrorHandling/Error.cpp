@@ -1,6 +1,8 @@
 // Errors: raising, the raised status and the per-thread recursion stop.
 #include "Infrastructure/QelCore/Error.h"
 
+#include "Infrastructure/QelCore/AlertManager.h"
+
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
@@ -100,7 +102,12 @@ Error::~Error()
                 if (count == 1) ThreadSpecificRaisedError::Set(nullptr);
                 ThreadSpecificErrorRecursionCount::Set(count - 1);
             }
-            if (!IsUnloading()) StandIns::BroadcastErrorHandled(*this);
+            if (!IsUnloading()) {
+                if (AlertManager* manager = AlertManager::Instance()) {
+                    Qel::Core::ErrorHandled notification(*this);
+                    manager->Broadcast(notification);
+                }
+            }
         }
     } catch (...) {
         // A destructor lets nothing out.
@@ -145,9 +152,13 @@ void Error::RaiseError(const CodeContext& context, const std::string& logName, b
     }
 
     m_bRaised = true;
-    StandIns::BroadcastErrorRaised(*this);
+    AlertManager* manager = AlertManager::Instance();
+    if (manager != nullptr) {
+        Qel::Core::ErrorRaised notification(*this);
+        manager->Broadcast(notification);
+    }
 
-    if (allowInPlaceHandling && StandIns::UseErrorHandler(*this)) return;
+    if (allowInPlaceHandling && manager != nullptr && manager->UseErrorHandler(*this)) return;
 
     Throw();
 }

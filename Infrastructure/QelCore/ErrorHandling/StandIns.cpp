@@ -11,55 +11,8 @@
 
 namespace Qel::Core::StandIns {
 namespace {
-std::atomic<AlertObserver*> s_pObserver{nullptr};
 std::atomic<unsigned> s_iFaultAdapterUsers{0};
 } // namespace
-
-AlertObserver::~AlertObserver() = default;
-
-AlertObserver* SetAlertObserver(AlertObserver* observer)
-{
-    return s_pObserver.exchange(observer);
-}
-
-// A listener's failure never comes back to the raising code.
-void BroadcastErrorRaised(Error& error)
-{
-    try {
-        if (AlertObserver* observer = s_pObserver.load()) observer->ErrorRaised(error);
-    } catch (...) {
-    }
-}
-
-void BroadcastErrorHandled(Error& error)
-{
-    try {
-        if (AlertObserver* observer = s_pObserver.load()) observer->ErrorHandled(error);
-    } catch (...) {
-    }
-}
-
-void BroadcastWarningRaised(Warning& warning)
-{
-    try {
-        if (AlertObserver* observer = s_pObserver.load()) observer->WarningRaised(warning);
-    } catch (...) {
-    }
-}
-
-bool UseErrorHandler(Error& error)
-{
-    AlertObserver* observer = s_pObserver.load();
-    return observer != nullptr && observer->UseErrorHandler(error);
-}
-
-bool ShouldDoWarningBroadcast(const std::string&)
-{
-    return true;
-}
-
-void SetMaxWarnings(const std::string&, unsigned long, bool) {}
-void ResetWarningCount(const std::string&) {}
 
 std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned)
 {
@@ -68,10 +21,6 @@ std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned)
 
 void ReleaseDebugHelp() {}
 
-std::string TimeStampNow()
-{
-    return Time().ToString();
-}
 
 void AddSystemDetails(CodeContext&) {}
 

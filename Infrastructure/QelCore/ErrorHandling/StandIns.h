@@ -1,5 +1,5 @@
 // Stand-ins for the services that the error core calls but that come later in the library:
-// the alert broker, call stacks, the log, the clock's text form, the system facts of a code
+// call stacks, the log, the system facts of a code
 // position, the locale's wording of alerts, the fault adapter and the system's shutdown event.
 //
 // Each stand-in sits behind the call the real service will answer, is safe to call at any time
@@ -17,44 +17,12 @@
 
 namespace Qel::Core::StandIns {
 
-// ---- alert broker ----
-
-// Observes what the broker would broadcast; tests install one to count alerts.
-class QEL_CORE_API AlertObserver
-{
-public:
-    virtual ~AlertObserver();
-    virtual void ErrorRaised(Error&) {}
-    virtual void ErrorHandled(Error&) {}
-    virtual void WarningRaised(Warning&) {}
-    // Whether an in-place handler takes the error (no throw then).
-    virtual bool UseErrorHandler(Error&) { return false; }
-};
-
-// Installs the observer (null removes it) and returns the one installed before. The observer
-// must outlive its installation.
-QEL_CORE_API AlertObserver* SetAlertObserver(AlertObserver* observer);
-
-void BroadcastErrorRaised(Error& error);
-void BroadcastErrorHandled(Error& error);
-void BroadcastWarningRaised(Warning& warning);
-bool UseErrorHandler(Error& error);
-// Whether a warning of the class may be broadcast: always, until warning limits exist.
-bool ShouldDoWarningBroadcast(const std::string& typeName);
-void SetMaxWarnings(const std::string& typeName, unsigned long maxWarnings, bool overwrite);
-void ResetWarningCount(const std::string& typeName);
-
 // ---- debug help ----
 
 // The call stack of the calling thread: null while no symbol engine is present.
 std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned maxFrames);
 // Lets go of the library's hold on the symbol engine.
 void ReleaseDebugHelp();
-
-// ---- clock ----
-
-// The text of "now" in the fixed form "YYYY/MM/DD hh:mm:ss.mmm".
-std::string TimeStampNow();
 
 // ---- system facts of a code position ----
 

@@ -1,6 +1,8 @@
 // Warnings: raised, broadcast unless silenced, and the caller goes on.
 #include "Infrastructure/QelCore/Error.h"
 
+#include "Infrastructure/QelCore/AlertManager.h"
+
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
 
@@ -11,12 +13,12 @@ void WriteAlertToStandardError(AlertInfo& alert, const std::string& circumstance
 
 void SetMaxWarnings(const std::string& typeName, unsigned long maxWarnings, bool overwrite)
 {
-    StandIns::SetMaxWarnings(typeName, maxWarnings, overwrite);
+    if (AlertManager* manager = AlertManager::Instance()) manager->SetMaxWarnings(typeName, maxWarnings, overwrite);
 }
 
 void ResetWarningCount(const std::string& typeName)
 {
-    StandIns::ResetWarningCount(typeName);
+    if (AlertManager* manager = AlertManager::Instance()) manager->ResetWarningCount(typeName);
 }
 } // namespace Detail
 
@@ -31,8 +33,11 @@ void Warning::RaiseWarning(const CodeContext& context, const std::string& logNam
         Detail::WriteAlertToStandardError(*this, "Warning During QelCore Shutdown");
         return;
     }
-    if (!StandIns::ShouldDoWarningBroadcast(TypeName(typeid(*this)))) return;
-    StandIns::BroadcastWarningRaised(*this);
+    AlertManager* manager = AlertManager::Instance();
+    if (manager == nullptr) return;
+    if (!manager->ShouldDoWarningBroadcast(TypeName(typeid(*this)))) return;
+    Qel::Core::WarningRaised notification(*this);
+    manager->Broadcast(notification);
 }
 
 std::string Warning::XMLElementName() const

@@ -1,6 +1,7 @@
 // The library frame: entry points, state flags, managed globals and the singleton registry.
 #include "Infrastructure/QelCore/System/Frame.h"
 
+#include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
@@ -141,6 +142,7 @@ Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTab
 {
     // The process-wide services register here, in this order, as they come into the library:
     // System, LocaleManager (then its Init), AlertManager (which adds CurrentErrors), LogManager.
+    Add<AlertManager>("AlertManager");
 }
 
 Globals::~Globals() = default;

@@ -1,0 +1,241 @@
+// The process-wide broker of alerts.
+//
+// Every raised error and warning passes through the AlertManager: it broadcasts alerts to the
+// AlertListeners that want them (by severity mask and data filters), keeps a record per alert
+// class (how often raised; for warnings how many were let through and how many silenced), holds
+// the in-place error handlers by class, and the last error raised on each thread. Listeners run on
+// the raising thread, one alert at a time in the process.
+#pragma once
+
+#include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/Mutex.h"
+#include "Infrastructure/QelCore/Notification.h"
+#include "Infrastructure/QelCore/ReadersWriterMutex.h"
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Qel::Core {
+
+QEL_DEFINE_WARNING_API(QEL_CORE_API, ErrorDuringAlertNotification, Warning,
+                       "Error occurred during an alert notification:\n%1%", std::string)
+
+// Hears alerts. Link it with AlertManager::AddAlertListener; its destructor unlinks it.
+class QEL_CORE_API AlertListener : public NotificationListener
+{
+public:
+    AlertListener();
+    ~AlertListener() override;
+
+    // Whether the alert passes the severity mask and every data filter.
+    virtual bool IsInterestedIn(AlertInfo& alert) const;
+    virtual void ErrorRaised(Error&) {}
+    virtual void ErrorHandled(Error&) {}
+    virtual void UncaughtFatalError(Error&, const std::string& /*reportPath*/) {}
+    virtual void WarningRaised(Warning&) {}
+
+    // A mask of AlertInfo::ESeverity bits; 7 (all) at construction.
+    void SetSeverityFilter(unsigned int mask) { m_SeverityFilter = mask; }
+    unsigned int GetSeverityFilter() const { return m_SeverityFilter; }
+    // The alert's value for `key` must be one of the values added for that key.
+    void AddDataFilter(const std::string& key, const std::string& value) { m_DataFilters[key].insert(value); }
+    void RemoveDataFilter(const std::string& key) { m_DataFilters.erase(key); }
+
+private:
+    std::uint32_t m_SeverityFilter;
+    std::unordered_map<std::string, std::unordered_set<std::string>> m_DataFilters;
+};
+
+// An in-place handler of errors of one class (and, through Inheritance, of its derived classes).
+class QEL_CORE_API ErrorHandler
+{
+public:
+    virtual ~ErrorHandler();
+    // True: the error is dealt with and need not be thrown. Called with m_HandlerLock held.
+    virtual bool Handle(Error& error) = 0;
+    // Told when a handler before this one took the error, so this one was not asked.
+    virtual void HandledByPrior(Error&) {}
+    // Told when this one declined and a later one took the error.
+    virtual void HandledByLatter(Error&) {}
+
+    Mutex m_HandlerLock;
+};
+
+class QEL_CORE_API AlertRecord
+{
+public:
+    AlertRecord();
+    explicit AlertRecord(const AlertInfo& alert);
+    AlertRecord(const std::string& className, const std::string& category);
+    AlertRecord(const AlertRecord&) = default;
+    AlertRecord& operator=(const AlertRecord&) = default;
+    virtual ~AlertRecord();
+
+    const std::string& GetClass() const { return m_sClass; }
+    const std::string& GetCategory() const { return m_sCategory; }
+    unsigned long GetRaisedCount() const { return m_iRaisedCount; }
+    static unsigned long GetInfiniteWarnings() { return 0xFFFFFFFFul; }
+
+protected:
+    friend class AlertManager;
+    std::string m_sClass;
+    std::string m_sCategory;
+    std::uint32_t m_iRaisedCount;
+};
+
+class QEL_CORE_API ErrorRecord : public AlertRecord
+{
+public:
+    ErrorRecord();
+    explicit ErrorRecord(const Error& error);
+    ErrorRecord(const ErrorRecord&) = default;
+    ErrorRecord(ErrorRecord&&) = default;
+    ErrorRecord& operator=(const ErrorRecord&) = default;
+    const std::string& GetSeverity() const { return m_sSeverity; }
+
+private:
+    friend class AlertManager;
+    std::string m_sSeverity;
+    std::list<std::shared_ptr<ErrorHandler>> m_Handlers;
+};
+
+class QEL_CORE_API WarningRecord : public AlertRecord
+{
+public:
+    WarningRecord();
+    explicit WarningRecord(const Warning& warning);
+    WarningRecord(const WarningRecord&) = default;
+    WarningRecord(WarningRecord&&) = default;
+    WarningRecord& operator=(const WarningRecord&) = default;
+
+    unsigned long GetMaxWarnings() const { return m_iMaxWarnings; }
+    void SetMaxWarnings(unsigned long maxWarnings) { m_iMaxWarnings = static_cast<std::uint32_t>(maxWarnings); }
+    unsigned long GetWarningCount() const { return m_iWarningCount; }
+    unsigned long GetSilencedCount() const { return m_iSilencedCount; }
+    void ResetWarningCount() { m_iWarningCount = 0; }
+
+protected:
+    // Counts the warning as broadcast (true) or silenced (false) by the limit.
+    bool ShouldWarningBeRaised();
+
+private:
+    friend class AlertManager;
+    std::uint32_t m_iSilencedCount;
+    std::uint32_t m_iMaxWarnings;
+    std::uint32_t m_iWarningCount;
+};
+
+// Raised count descending, then class name.
+struct QEL_CORE_API SSortErrors
+{
+    bool operator()(const ErrorRecord& a, const ErrorRecord& b) const;
+};
+// Raised plus silenced count descending, then class name.
+struct QEL_CORE_API SSortWarnings
+{
+    bool operator()(const WarningRecord& a, const WarningRecord& b) const;
+};
+
+// The notifications of the broker; each holds a reference to its alert.
+class QEL_CORE_API ErrorRaised : public Notification
+{
+public:
+    explicit ErrorRaised(Error& error) : m_Error(error) {}
+    void Notify(NotificationListener& listener) override;
+
+private:
+    Error& m_Error;
+};
+
+class QEL_CORE_API ErrorHandled : public Notification
+{
+public:
+    explicit ErrorHandled(Error& error) : m_Error(error) {}
+    void Notify(NotificationListener& listener) override;
+
+private:
+    Error& m_Error;
+};
+
+class QEL_CORE_API WarningRaised : public Notification
+{
+public:
+    explicit WarningRaised(Warning& warning) : m_Warning(warning) {}
+    void Notify(NotificationListener& listener) override;
+
+private:
+    Warning& m_Warning;
+};
+
+class QEL_CORE_API UncaughtFatalErrorNotification : public Notification
+{
+public:
+    UncaughtFatalErrorNotification(Error& error, const std::string& reportPath)
+        : m_Error(error), m_sReportPath(reportPath)
+    {
+    }
+    void Notify(NotificationListener& listener) override;
+
+private:
+    Error& m_Error;
+    std::string m_sReportPath;
+};
+
+class QEL_CORE_API AlertManager : public AlertListener
+{
+public:
+    // Built by the library at load, with the managed globals.
+    AlertManager();
+    ~AlertManager() override;
+
+    // The library's manager; null before load and after unload.
+    static AlertManager* Instance();
+
+    void AddAlertListener(AlertListener& listener);
+    void RemoveAlertListener(AlertListener& listener);
+    // Keyed by the type name of the error class (TypeName(typeid(Class))). A null handler is ignored.
+    void AddErrorHandler(const std::string& typeName, std::shared_ptr<ErrorHandler> handler);
+    void RemoveErrorHandler(const std::string& typeName, std::shared_ptr<ErrorHandler> handler);
+    // The records of classes raised at least once, sorted; returns how many.
+    int GetRaisedErrorRecords(std::set<ErrorRecord, SSortErrors>& out);
+    int GetRaisedWarningRecords(std::set<WarningRecord, SSortWarnings>& out);
+    // Lets at most `maxWarnings` warnings of the class be broadcast (until ResetWarningCount);
+    // without `overwrite`, a record that is there already keeps its limit.
+    void SetMaxWarnings(const std::string& typeName, unsigned long maxWarnings, bool overwrite);
+    void ResetWarningCount(const std::string& typeName);
+
+    // The manager hears its own alerts: it keeps the records and each thread's last error.
+    void ErrorRaised(Error& error) override;
+    void WarningRaised(Warning& warning) override;
+
+    // The last error raised on the calling thread (a plain copy holding no raised status), or
+    // null if none was.
+    std::shared_ptr<Error> GetCurrentError() const;
+
+protected:
+    friend class Error;
+    friend class Warning;
+    friend class AlertInfo;
+    // Broadcasts to the listeners; never lets anything out.
+    void Broadcast(Notification& notification);
+    bool UseErrorHandler(Error& error);
+    bool ShouldDoWarningBroadcast(const std::string& typeName);
+    // The display-format cache: the format of the class, looked up once per process.
+    std::string CachedDisplayFormat(const std::string& typeName, const std::string& defaultFormat);
+
+private:
+    NotificationSupport m_Notifier;
+    std::unordered_map<std::string, WarningRecord> m_WarningRecords;
+    std::unordered_map<std::string, ErrorRecord> m_ErrorRecords;
+    Mutex m_WarningLock;
+    Mutex m_ErrorLock;
+    std::unordered_map<std::string, std::string> m_DisplayFormats;
+    ReadersWriterMutex m_DisplayFormatsLock;
+};
+
+} // namespace Qel::Core
