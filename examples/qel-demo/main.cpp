@@ -2,6 +2,7 @@
 #include <Infrastructure/QelCore/QelCore.h>
 
 #include <iostream>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -39,6 +40,52 @@ void RunSequence()
         RunMethod("S-17");
     }
     QEL_FORWARD_ERROR
+}
+
+// Hears every alert of the process and prints one line for each.
+class PrintingListener : public AlertListener
+{
+public:
+    ~PrintingListener() override { RemoveAllNotificationSources(); }
+    void ErrorRaised(Error& error) override { std::cout << "  [listener] raised: " << error.GetMessageA() << "\n"; }
+    void ErrorHandled(Error& error) override { std::cout << "  [listener] handled: " << error.GetMessageA() << "\n"; }
+    void WarningRaised(Warning& warning) override
+    {
+        std::cout << "  [listener] warning: " << warning.GetMessageA() << "\n";
+    }
+};
+
+// Takes a SampleNotReady in place: the raising code goes on without a throw.
+class RetryLater : public ErrorHandler
+{
+public:
+    bool Handle(Error& error) override
+    {
+        std::cout << "  [handler] taking \"" << error.GetMessageA() << "\" in place\n";
+        return true;
+    }
+};
+
+void ShowAlertManager()
+{
+    Heading("The alert manager: a listener and an in-place handler");
+    PrintingListener listener;
+    AlertManager::Instance()->AddAlertListener(listener);
+    try {
+        Acquire("S-18");
+    } catch (SampleNotReady&) {
+        std::cout << "caught after the listener heard it\n";
+    }
+    auto handler = std::make_shared<RetryLater>();
+    AlertManager::Instance()->AddErrorHandler(TypeName(typeid(SampleNotReady)), handler);
+    QEL_RAISE_HANDLEABLE_ERROR(SampleNotReady("S-19", 5), "Qel.Demo.Acquire");
+    std::cout << "the statement behind the raise runs: no throw\n";
+    AlertManager::Instance()->RemoveErrorHandler(TypeName(typeid(SampleNotReady)), handler);
+    std::set<ErrorRecord, SSortErrors> records;
+    AlertManager::Instance()->GetRaisedErrorRecords(records);
+    for (const ErrorRecord& record : records)
+        std::cout << "record: " << record.GetClass() << " raised " << record.GetRaisedCount() << " times\n";
+    AlertManager::Instance()->RemoveAlertListener(listener);
 }
 
 void ShowErrors()
@@ -160,6 +207,7 @@ int main()
     std::cout << "qel-demo: QelCore in a host process\n";
     InitializeQelCore();
     ShowErrors();
+    ShowAlertManager();
     ShowStrings();
     ShowCallbacks();
     ShowTimeAndLocks();
