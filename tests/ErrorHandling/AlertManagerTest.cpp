@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 using namespace Qel::Core;
@@ -249,4 +250,23 @@ TEST(AlertManagerThreads, RaisingOnFourThreadsWhileListenersComeAndGo)
     Manager().RemoveAlertListener(counting);
     EXPECT_EQ(counting.raised.load(), 4000);
     EXPECT_EQ(counting.handled.load(), 4000);
+}
+
+TEST(AlertManager, ListenerThatFailsOnEveryAlertCannotRecurseForEver)
+{
+    struct Failing : AlertListener
+    {
+        int warnings = 0;
+        void WarningRaised(Warning&) override
+        {
+            ++warnings;
+            throw std::runtime_error("listener broken");
+        }
+        ~Failing() override { RemoveAllNotificationSources(); }
+    } failing;
+    Manager().AddAlertListener(failing);
+    QEL_RAISE_WARNING(NoticeWarning(9), "Qel.Test"); // returns
+    Manager().RemoveAlertListener(failing);
+    EXPECT_GE(failing.warnings, 2);                    // the warning, and warnings about the failure
+    EXPECT_LE(failing.warnings, g_iMAX_ERROR_RECURSION_DEPTH);
 }

@@ -177,6 +177,15 @@ void AlertManager::RemoveAlertListener(AlertListener& listener)
 
 void AlertManager::Broadcast(Notification& notification)
 {
+    // A listener that fails on every alert would otherwise answer each warning about its failure
+    // with another failure, without end: alert broadcasts nest on a thread only so deep.
+    static thread_local int t_iDepth = 0;
+    if (t_iDepth >= g_iMAX_ERROR_RECURSION_DEPTH) return;
+    struct Nesting
+    {
+        Nesting() { ++t_iDepth; }
+        ~Nesting() { --t_iDepth; }
+    } nesting;
     try {
         try {
             m_Notifier.Broadcast(notification, true);

@@ -66,6 +66,22 @@ Notification::~Notification() = default;
 
 // ---- NotificationSupport ----
 
+namespace {
+// Inside a catch block: the warning that a listener failed while it was let go.
+void WarnRemovalFailure()
+{
+    try {
+        throw;
+    } catch (Error& error) {
+        QEL_RAISE_WARNING(ListenerErrorOnRemoval(error.what()), "Qel.Core.NotificationSupport");
+    } catch (std::exception& exception) {
+        QEL_RAISE_WARNING(ListenerErrorOnRemoval(exception.what()), "Qel.Core.NotificationSupport");
+    } catch (...) {
+        QEL_RAISE_WARNING(ListenerErrorOnRemoval("Unknown Error"), "Qel.Core.NotificationSupport");
+    }
+}
+} // namespace
+
 NotificationSupport::NotificationSupport(ENotificationOrder order)
     : m_Order(order), m_iCount(0), m_iBroadcastDepth(0)
 {
@@ -146,12 +162,8 @@ void NotificationSupport::RemoveListener(NotificationListener& listener)
     try {
         listener.RemoveNotificationSource(*this);
         Erase(element);
-    } catch (Error& error) {
-        QEL_RAISE_WARNING(ListenerErrorOnRemoval(error.what()), "Qel.Core.NotificationSupport");
-    } catch (std::exception& exception) {
-        QEL_RAISE_WARNING(ListenerErrorOnRemoval(exception.what()), "Qel.Core.NotificationSupport");
     } catch (...) {
-        QEL_RAISE_WARNING(ListenerErrorOnRemoval("Unknown Error"), "Qel.Core.NotificationSupport");
+        WarnRemovalFailure();
     }
 }
 
@@ -162,12 +174,8 @@ void NotificationSupport::RemoveAllListeners()
         if (entry.pListener == nullptr) continue;
         try {
             entry.pListener->RemoveNotificationSource(*this);
-        } catch (Error& error) {
-            QEL_RAISE_WARNING(ListenerErrorOnRemoval(error.what()), "Qel.Core.NotificationSupport");
-        } catch (std::exception& exception) {
-            QEL_RAISE_WARNING(ListenerErrorOnRemoval(exception.what()), "Qel.Core.NotificationSupport");
         } catch (...) {
-            QEL_RAISE_WARNING(ListenerErrorOnRemoval("Unknown Error"), "Qel.Core.NotificationSupport");
+            WarnRemovalFailure();
         }
     }
     if (m_iBroadcastDepth > 0) {
