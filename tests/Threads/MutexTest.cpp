@@ -121,7 +121,7 @@ TEST(Mutex, DestroyedWhileOthersWaitTellsThemSo)
         });
     }
     while (started.load() < 3) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // time to get into their waits
     // Destroyed by its holder: the destructor takes the lock again (it is reentrant), marks the
     // mutex destroyed and lets the waiters go before the memory goes.
     delete mutex;

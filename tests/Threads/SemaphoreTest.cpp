@@ -103,7 +103,9 @@ TEST(MultiWait, DestructionReleasesTheWaiters)
         if (barrier->wait(&limit)) ++passed;
     });
     while (registered.load() < 3) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Time for the waiters to get into the wait; one still on its way in when the object goes
+    // would touch freed memory, which is the destroying caller's fault.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
     // The waiters are inside wait(): destruction releases them before the members go.
     delete barrier;
     for (auto& waiter : waiters) waiter.join();
