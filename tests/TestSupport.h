@@ -6,6 +6,8 @@
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -95,6 +97,29 @@ private:
     std::mutex m_Mutex;
     std::vector<Event> m_Events;
     std::shared_ptr<Qel::Core::ErrorHandler> m_spHandler = std::make_shared<TakeAll>();
+};
+
+// A message pump made of a function, for System::SetMessagePump.
+class FunctionPump : public Qel::Core::CallbackArg<int>
+{
+public:
+    explicit FunctionPump(std::function<void(int)> function) : m_Function(std::move(function)) {}
+    void operator()(int maxMessages) override { m_Function(maxMessages); }
+
+private:
+    std::function<void(int)> m_Function;
+};
+
+inline std::shared_ptr<Qel::Core::CallbackArg<int>> MakePump(std::function<void(int)> function)
+{
+    return std::make_shared<FunctionPump>(std::move(function));
+}
+
+// Hands work to the main thread, as a dispatching worker does.
+struct Dispatcher : Qel::Core::System::DispatchController
+{
+    static void Begin() { BeginThreadDispatch(); }
+    static void End() { EndThreadDispatch(); }
 };
 
 } // namespace QelTest

@@ -1,6 +1,7 @@
 // qel-demo: a host program that shows what QelCore does, one screen per capability.
 #include <Infrastructure/QelCore/QelCore.h>
 
+#include <fstream>
 #include <iostream>
 #include <set>
 #include <thread>
@@ -200,17 +201,105 @@ void ShowTimeAndLocks()
     }
 }
 
+void ShowSystem()
+{
+    using Qel::Core::System;
+    Heading("where the library keeps its data");
+    System::SetCurrentThreadName("qel-demo main");
+    std::string threadName;
+    System::GetCurrentThreadName(threadName);
+    std::cout << "process      " << System::GetProcessPath() << System::GetProcessName() << " (pid "
+              << System::GetProcessId() << ", thread \"" << threadName << "\")\n"
+              << "machine      " << System::GetHostName() << ", " << System::GetOsName() << ", "
+              << System::GetNumProcessors() << " x " << System::GetProcessorType() << "\n"
+              << "user         " << System::GetUserAccountName() << " (" << System::GetUserDisplayName() << ")\n";
+    std::string settings = System::GetProcessPath() + "SystemInfo.ini";
+    Qel::Core::PathName settingsFile(settings);
+    std::cout << "settings     " << settings << (settingsFile.Exists() ? ", which says:" : " (none: the defaults hold)") << "\n";
+    std::ifstream settingsText(settings);
+    for (std::string line; std::getline(settingsText, line);)
+        if (!line.empty()) std::cout << "               " << line << "\n";
+    std::cout << "sub-dir      " << System::GetAppDataSubDir() << "\n"
+              << "common data  " << System::GetCommonDataPath() << "\n"
+              << "user data    " << System::GetUserDataPath() << "\n"
+              << "log macro    $(CommonDataPath)Logs/ -> " << Qel::Core::ExpandPathMacros("$(CommonDataPath)Logs/") << "\n";
+    std::string temp;
+    if (System::CreateTempFileName(temp, "~QEL")) std::cout << "a free name  " << temp << "\n";
+    Qel::Core::PathName path("/usr/share/doc/libboost-dev/copyright.txt");
+    std::cout << "a path       " << static_cast<const std::string&>(path) << ": branch " << path.GetBranch()
+              << ", leaf " << path.GetLeaf() << ", ext " << path.GetExt() << "\n";
+}
+
+// A named thread drains a queue while a pool of three named threads squares numbers.
+class Printer : public Qel::Core::Task
+{
+public:
+    explicit Printer(Qel::Core::Queue<std::string>& queue) : m_Queue(queue) {}
+    int Run(Qel::Core::TaskDirective&) override
+    {
+        int printed = 0;
+        std::string line;
+        while (m_Queue.Dequeue(line)) { // false once the queue is released and empty
+            std::cout << "  printer: " << line << "\n";
+            ++printed;
+        }
+        return printed;
+    }
+
+private:
+    Qel::Core::Queue<std::string>& m_Queue;
+};
+
+class Square : public Qel::Core::CallbackArg<int>
+{
+public:
+    explicit Square(Qel::Core::Queue<std::string>& queue) : m_Queue(queue) {}
+    void operator()(int value) override
+    {
+        std::string thread;
+        Qel::Core::System::GetCurrentThreadName(thread);
+        m_Queue.TimedEnqueue(std::to_string(value) + " squared is " + std::to_string(value * value) + " (on " +
+                                 thread + ")",
+                             Qel::Core::Elapse(1, Qel::Core::Elapse::Seconds));
+    }
+
+private:
+    Qel::Core::Queue<std::string>& m_Queue;
+};
+
+void ShowThreads()
+{
+    using namespace Qel::Core;
+    Heading("a pool of named threads and a queue");
+    Queue<std::string> lines("demo lines", nullptr, 1000, 100, 16);
+    auto printer = Thread::Create("demo-printer");
+    printer->Start(std::make_shared<Printer>(lines), Elapse(5, Elapse::Seconds));
+    {
+        ThreadPool<int> pool("demo-pool", 3);
+        pool.Start();
+        auto square = std::make_shared<Square>(lines);
+        for (int i = 1; i <= 6; ++i) pool.Enqueue(square, i);
+        pool.WaitUntilIdle(Elapse(10, Elapse::Seconds));
+    }
+    lines.SetReleased(true);
+    printer->WaitFor(nullptr);
+    std::cout << "the printer thread \"" << printer->GetName() << "\" printed " << printer->GetResult()
+              << " lines and ended " << (printer->HasCompleted() ? "completed" : "in error") << "\n";
+}
+
 } // namespace
 
 int main()
 {
     std::cout << "qel-demo: QelCore in a host process\n";
     InitializeQelCore();
+    ShowSystem();
     ShowErrors();
     ShowAlertManager();
     ShowStrings();
     ShowCallbacks();
     ShowTimeAndLocks();
+    ShowThreads();
     ShutdownQelCore();
     std::cout << "\ndone\n";
     return 0;

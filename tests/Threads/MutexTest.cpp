@@ -223,10 +223,10 @@ TEST(MainThread, BorrowsTheLockOfAWorkerWaitingOnDispatch)
     std::atomic<int> phase{0};
     std::thread worker([&] {
         mutex.Lock();
-        StandIns::BeginThreadDispatch(); // hands work to the main thread and waits for it
+        QelTest::Dispatcher::Begin(); // hands work to the main thread and waits for it
         phase = 1;
         while (phase.load() != 2) std::this_thread::yield();
-        StandIns::EndThreadDispatch();
+        QelTest::Dispatcher::End();
         EXPECT_TRUE(mutex.LockedByCurrentThread());
         mutex.Unlock();
         phase = 3;
@@ -258,7 +258,7 @@ TEST(MainThread, NestedTriesThroughMessageHandlersStopAtTheLimit)
     while (!mutex.IsLocked()) std::this_thread::yield();
     int depth = 0;
     int raisedAt = 0;
-    auto previous = StandIns::SetMessagePump([&](int) {
+    auto previous = System::SetMessagePump(QelTest::MakePump([&](int) {
         if (raisedAt != 0) return;
         ++depth;
         try {
@@ -268,9 +268,9 @@ TEST(MainThread, NestedTriesThroughMessageHandlersStopAtTheLimit)
             EXPECT_EQ(error.GetData(AlertInfo::sLOG_NAME), "Qel.Core.Mutex.TryLock");
         }
         --depth;
-    });
+    }));
     EXPECT_FALSE(mutex.TryLock(Elapse(0, Elapse::Seconds)));
-    StandIns::SetMessagePump(previous);
+    System::SetMessagePump(previous);
     EXPECT_EQ(raisedAt, 100); // the outer try and 99 handlers nested; the 100th handler's try is the 101st
     release = true;
     holder.join();
@@ -284,7 +284,7 @@ TEST(MainThread, ConditionAndSemaphoreWaitsNestThroughHandlersToTheLimit)
     int depth = 0;
     int raisedAt = 0;
     std::string logger;
-    auto previous = StandIns::SetMessagePump([&](int) {
+    auto previous = System::SetMessagePump(QelTest::MakePump([&](int) {
         if (raisedAt != 0) return;
         ++depth;
         try {
@@ -294,14 +294,14 @@ TEST(MainThread, ConditionAndSemaphoreWaitsNestThroughHandlersToTheLimit)
             logger = error.GetData(AlertInfo::sLOG_NAME);
         }
         --depth;
-    });
+    }));
     EXPECT_FALSE(semaphore.TimedWait(Elapse(1, Elapse::Seconds)));
     EXPECT_EQ(raisedAt, 100); // the outer wait and 99 handlers nested; the 100th handler's wait raised
     EXPECT_EQ(logger, "Qel.Core.Semaphore.TimedWait");
 
     // The main thread's condition wait gives up the lock while it polls: a worker gets it.
     Condition condition;
-    StandIns::SetMessagePump(previous);
+    System::SetMessagePump(previous);
     condition.Lock();
     std::atomic<bool> workerHadLock{false};
     std::thread worker([&] {

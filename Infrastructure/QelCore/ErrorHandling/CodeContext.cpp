@@ -1,8 +1,8 @@
 // Code positions.
 #include "Infrastructure/QelCore/AlertInfo.h"
 
-#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/System/SystemDetails.h"
 
 namespace Qel::Core {
 
@@ -15,7 +15,7 @@ CodeContext::CodeContext(const std::string& file, int line, const std::string& b
     if (!function.empty()) m_ContextInfo[sFUNCTION] = function;
     if (!signature.empty()) m_ContextInfo[sSIGNATURE] = signature;
     if (IsUnloading()) return;
-    StandIns::AddSystemDetails(*this);
+    AddSystemDetails(*this);
 }
 
 CodeContext::CodeContext(const StringMap& contextInfo, const StringMap& variables)

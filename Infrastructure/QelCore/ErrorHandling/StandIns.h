@@ -1,6 +1,5 @@
 // Stand-ins for the services that the error core calls but that come later in the library:
-// call stacks, the log, the system facts of a code
-// position, the locale's wording of alerts, the fault adapter and the system's shutdown event.
+// call stacks, the log, the locale's wording of alerts and the fault adapter.
 //
 // Each stand-in sits behind the call the real service will answer, is safe to call at any time
 // (load, unload, any thread) and does the least that keeps raising complete: with none of the real
@@ -11,7 +10,6 @@
 #include "Infrastructure/QelCore/Error.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -24,11 +22,6 @@ std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned maxFrames);
 // Lets go of the library's hold on the symbol engine.
 void ReleaseDebugHelp();
 
-// ---- system facts of a code position ----
-
-// Adds process, thread, OS and host details to a position: nothing while no System exists.
-void AddSystemDetails(CodeContext& context);
-
 // ---- locale ----
 
 // Looks a string up in the current locale: none until locales exist.
@@ -40,6 +33,9 @@ void AddRootLocaleString(const std::string& table, const std::string& key, const
 
 // Writes an error to the log: nothing until the log exists.
 void LogError(Error& error);
+// Writes a line to the log under a logger at a severity (1 alarm .. 6 verbose): to the debug
+// output until the log exists.
+void WriteLog(const std::string& logger, int severity, const std::string& text);
 
 // ---- fault adapter and system events ----
 
@@ -47,20 +43,5 @@ void FaultAdapterInitialize();
 void FaultAdapterShutdown();
 // Number of users of the fault adapter (Initialize calls less Shutdown calls).
 QEL_CORE_API unsigned FaultAdapterUserCount();
-void SignalSystemShutdown();
-
-// ---- dispatch to the main thread and its message pump ----
-
-// Whether the thread stands between BeginThreadDispatch and EndThreadDispatch: a worker that has
-// handed work to the main thread and blocks until it is done.
-bool IsThreadWaitingOnDispatch(std::uint32_t threadId);
-// Marks the calling thread as waiting on dispatch, and unmarks it.
-QEL_CORE_API void BeginThreadDispatch();
-QEL_CORE_API void EndThreadDispatch();
-// Dispatches at most `maxMessages` messages: Linux threads have no message queue, so nothing
-// until a pump is installed.
-void PumpMessages(int maxMessages);
-// Installs a pump (empty: none) and returns the one before.
-QEL_CORE_API std::function<void(int)> SetMessagePump(std::function<void(int)> pump);
 
 } // namespace Qel::Core::StandIns

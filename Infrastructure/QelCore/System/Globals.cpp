@@ -5,6 +5,7 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
+#include "Infrastructure/QelCore/System.h"
 
 #include <iostream>
 
@@ -61,7 +62,7 @@ void Shutdown()
 {
     if (s_bShutdownBegun) return;
     s_bShutdownBegun = true;
-    StandIns::SignalSystemShutdown();
+    System::SignalShutdown();
     try {
         Frame::DestroyAllSingletons();
     } catch (...) {
@@ -142,6 +143,7 @@ Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTab
 {
     // The process-wide services register here, in this order, as they come into the library:
     // System, LocaleManager (then its Init), AlertManager (which adds CurrentErrors), LogManager.
+    m_pSystem = Add<System>("System");
     Add<AlertManager>("AlertManager");
 }
 

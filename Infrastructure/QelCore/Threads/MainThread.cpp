@@ -1,7 +1,7 @@
 // The main thread: its id, the locks it holds, and its waits that never block blindly.
 #include "Infrastructure/QelCore/Threads/MainThread.h"
 
-#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/System.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/System/Frame.h"
 
@@ -83,7 +83,7 @@ void YieldHeldLocks()
     // The main thread's own Unlock and Lock keep the list right as they go.
     std::list<IMutex*> held = HeldLocks();
     for (IMutex* mutex : held) mutex->Unlock();
-    StandIns::PumpMessages(10);
+    System::PumpMessages(10);
     for (IMutex* mutex : held) mutex->Lock(Elapse::Infinite());
 }
 

@@ -1,10 +1,10 @@
 // The reentrant in-process lock with time-outs, the scope guard, and the main thread's waits.
 #include "Infrastructure/QelCore/Mutex.h"
 
-#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Platform/Locks.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
+#include "Infrastructure/QelCore/System.h"
 #include "Infrastructure/QelCore/Threads/MainThread.h"
 
 #include <chrono>
@@ -119,7 +119,7 @@ bool Mutex::TryLock(const Elapse& timeout)
                 acquired = true;
                 break;
             }
-            if (StandIns::IsThreadWaitingOnDispatch(m_OwnerThreadId.load(std::memory_order_relaxed))) {
+            if (System::IsThreadWaitingOnDispatch(m_OwnerThreadId.load(std::memory_order_relaxed))) {
                 // The owner waits for this thread to dispatch its work: borrow its lock.
                 borrowed = true;
                 break;

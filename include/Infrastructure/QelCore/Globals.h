@@ -59,7 +59,8 @@ template <typename T>
 class Global : public GlobalEntryBase
 {
 public:
-    explicit Global(std::string key) : GlobalEntryBase(std::move(key)), m_spObject(std::make_shared<T>()) {}
+    // Built with new, not make_shared: a class that only its Global may build befriends Global<T>.
+    explicit Global(std::string key) : GlobalEntryBase(std::move(key)), m_spObject(new T()) {}
     T* Get() const { return m_spObject.get(); }
 
 private:
@@ -141,6 +142,7 @@ public:
     // The library's instance.
     static Globals& Instance();
 
+    System* m_pSystem = nullptr;           // what System::Instance() gives while it lives
     const std::string m_sDefaultLocale;    // "en-US"
     const std::string m_sStringTableFile;  // "QelStringTables.xml"
 };

@@ -1,0 +1,168 @@
+// Operating-system threads (see Threads.h for the decisions behind each function).
+#include "Infrastructure/QelCore/Platform/Threads.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <cxxabi.h>
+#include <mutex>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace Qel::Core::Platform {
+namespace {
+
+static_assert(sizeof(pthread_t) <= sizeof(ThreadHandle), "a pthread_t must fit a ThreadHandle");
+
+constexpr std::size_t kMinStackSize = 1u << 20;
+
+pthread_t ToPthread(ThreadHandle handle)
+{
+    pthread_t thread;
+    std::memcpy(&thread, &handle, sizeof thread);
+    return thread;
+}
+
+ThreadHandle FromPthread(pthread_t thread)
+{
+    ThreadHandle handle = 0;
+    std::memcpy(&handle, &thread, sizeof thread);
+    return handle;
+}
+
+struct StartBlock
+{
+    ThreadEntry entry;
+    void* argument;
+};
+
+void* ThreadMain(void* data)
+{
+    StartBlock block = *static_cast<StartBlock*>(data);
+    delete static_cast<StartBlock*>(data);
+    block.entry(block.argument);
+    return nullptr;
+}
+
+int KillSignal()
+{
+    return SIGRTMIN + 5;
+}
+
+// Ends the calling thread through the kernel: nothing of the thread's user-space state runs.
+void KillHandler(int)
+{
+    ::syscall(SYS_exit, 0);
+}
+
+void InstallKillHandler()
+{
+    static std::once_flag s_Installed;
+    std::call_once(s_Installed, [] {
+        struct sigaction action;
+        std::memset(&action, 0, sizeof action);
+        action.sa_handler = &KillHandler;
+        sigemptyset(&action.sa_mask);
+        ::sigaction(KillSignal(), &action, nullptr);
+    });
+}
+
+} // namespace
+
+bool StartThread(std::uint32_t stackSize, ThreadEntry entry, void* argument, ThreadHandle& handle)
+{
+    handle = 0;
+    pthread_attr_t attributes;
+    if (::pthread_attr_init(&attributes) != 0) return false;
+    std::size_t size = stackSize < kMinStackSize ? kMinStackSize : stackSize;
+    ::pthread_attr_setstacksize(&attributes, size);
+    auto* block = new StartBlock{entry, argument};
+    pthread_t thread;
+    int status = ::pthread_create(&thread, &attributes, &ThreadMain, block);
+    ::pthread_attr_destroy(&attributes);
+    if (status != 0) {
+        delete block;
+        errno = status;
+        return false;
+    }
+    handle = FromPthread(thread);
+    return true;
+}
+
+void CloseThread(ThreadHandle& handle, bool threadHasEnded)
+{
+    if (handle == 0) return;
+    pthread_t thread = ToPthread(handle);
+    handle = 0;
+    if (threadHasEnded && !::pthread_equal(thread, ::pthread_self())) ::pthread_join(thread, nullptr);
+    else ::pthread_detach(thread);
+}
+
+bool IsCallingThread(ThreadHandle handle)
+{
+    return handle != 0 && ::pthread_equal(ToPthread(handle), ::pthread_self());
+}
+
+bool SetThreadPriorityStep(std::uint32_t threadId, int step)
+{
+    int nice;
+    if (step <= -15) nice = 19;
+    else if (step <= -2) nice = 10;
+    else if (step == -1) nice = 5;
+    else if (step == 0) nice = 0;
+    else if (step == 1) nice = -5;
+    else if (step <= 2) nice = -10;
+    else nice = -20;
+    // On Linux a nice value belongs to a thread when it is given the thread's kernel id.
+    return ::setpriority(PRIO_PROCESS, static_cast<id_t>(threadId), nice) == 0;
+}
+
+bool KillThread(ThreadHandle& handle, std::uint32_t threadId)
+{
+    if (handle == 0) return false;
+    InstallKillHandler();
+    int status = ::pthread_kill(ToPthread(handle), KillSignal());
+    if (status != 0) {
+        errno = status;
+        return false;
+    }
+    // The handler runs as soon as the thread is scheduled; the kernel then removes the thread.
+    pid_t process = ::getpid();
+    for (int i = 0; i < 100000; ++i) {
+        if (::syscall(SYS_tgkill, process, static_cast<pid_t>(threadId), 0) != 0 && errno == ESRCH) break;
+        ::usleep(100);
+    }
+    handle = 0; // abandoned, never joined: see above
+    return true;
+}
+
+bool HasThreadEnded(ThreadHandle& handle)
+{
+    if (handle == 0) return false;
+    if (::pthread_tryjoin_np(ToPthread(handle), nullptr) != 0) return false;
+    handle = 0;
+    return true;
+}
+
+std::string LastSystemErrorText()
+{
+    char buffer[256];
+    int code = errno;
+    const char* text = ::strerror_r(code, buffer, sizeof buffer);
+    return text != nullptr ? std::string(text) : std::to_string(code);
+}
+
+bool CurrentExceptionEndsThread()
+{
+    try {
+        throw;
+    } catch (abi::__forced_unwind&) {
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace Qel::Core::Platform

@@ -1,0 +1,63 @@
+// Operating-system threads: start with a stack size, priorities, the forced end of a thread, and
+// the check whether a thread has ended.
+//
+// Porting decisions taken here:
+// - Threads are pthreads, kept joinable. "Closing the handle" of an ended thread joins it (the
+//   thread is on its last instructions, so the join is short); a handle closed from its own thread,
+//   or of a thread that still runs, is detached instead, and never blocks.
+// - A wanted stack size is honoured with a floor of 1 MiB (Linux commits the whole stack size
+//   lazily, and the sanitizers and the C library need more than the 64 KiB of the defaults).
+// - Priorities are per-thread nice values: idle 19, lowest 10, below normal 5, normal 0, above
+//   normal -5, highest -10, time critical -20. A refused priority (raising it needs privilege) is
+//   not an error: the thread runs on at the priority it had.
+// - The forced end of a thread (TerminateThread) sends the thread a real-time signal
+//   (SIGRTMIN + 5) whose handler ends the thread at once with the kernel's thread exit: no stack
+//   unwinding, no thread-local destructors, no unlocking, as the original call does. The kernel
+//   clears the thread's id word on exit, so the thread can still be joined. Code that is killed
+//   while it holds a lock leaves the lock held: kill only tasks that hold none. The killed thread's
+//   stack and thread block are never joined, freed or reused: the C library never cleaned up the
+//   thread's state in them (its thread-specific data, among others), and a new thread that got
+//   that memory would start with it. A kill costs the thread's stack in address space.
+// - Whether the operating system has ended a thread (GetExitCodeThread) is a non-blocking join
+//   attempt (pthread_tryjoin_np); a thread found ended is joined by it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Qel::Core::Platform {
+
+// An operating-system thread, as the library keeps it: 0 when there is none.
+using ThreadHandle = std::uintptr_t;
+
+using ThreadEntry = void (*)(void* argument);
+
+// Starts a thread that calls entry(argument). False (and `handle` 0) when the system refuses.
+bool StartThread(std::uint32_t stackSize, ThreadEntry entry, void* argument, ThreadHandle& handle);
+
+// Gives the system's hold on an ended thread back (see above); the handle is 0 afterwards.
+void CloseThread(ThreadHandle& handle, bool threadHasEnded);
+
+// Whether the thread is the calling one.
+bool IsCallingThread(ThreadHandle handle);
+
+// Sets the nice value of the thread with the kernel id for one of the priority steps -15
+// (idle), -2, -1, 0, 1, 2, 15 (time critical). False when the system refused.
+bool SetThreadPriorityStep(std::uint32_t threadId, int step);
+
+// Ends the thread (kernel id `threadId`) at once and waits until it is gone (see above); the
+// handle is 0 afterwards. False when the signal could not be sent.
+bool KillThread(ThreadHandle& handle, std::uint32_t threadId);
+
+// Whether the thread has ended (and then it is joined: the handle is 0 afterwards). A handle of
+// 0 is no thread that could be found ended: false.
+bool HasThreadEnded(ThreadHandle& handle);
+
+// The text of the last system error of the calling thread.
+std::string LastSystemErrorText();
+
+// Whether the exception being handled is the C library's unwinding of an ending thread
+// (pthread_exit or cancellation), which a catch-all must let through. Call inside a catch block.
+bool CurrentExceptionEndsThread();
+
+} // namespace Qel::Core::Platform
