@@ -258,6 +258,7 @@ public:
     {
         std::string thread;
         Qel::Core::System::GetCurrentThreadName(thread);
+        QelSleep(20, Qel::Core::Elapse::MilliSeconds); // some work, so the threads share it
         m_Queue.TimedEnqueue(std::to_string(value) + " squared is " + std::to_string(value * value) + " (on " +
                                  thread + ")",
                              Qel::Core::Elapse(1, Qel::Core::Elapse::Seconds));

@@ -4,6 +4,7 @@
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
 #include <climits>
+#include <thread>
 #include <ctime>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -143,26 +144,58 @@ int AutoResetEvent::ReleaseAndWaitUntil(RecursiveTimedLock& lock, Deadline deadl
 
 // ---- CountingSemaphore ----
 
+// The count and the number of sleepers are sequentially consistent: a releaser adds its units and
+// then looks for sleepers; a waiter counts itself as a sleeper and then looks for units. One of the
+// two always sees the other, so a unit is never left lying while a thread sleeps.
+// A waiter may take a released unit and destroy the semaphore while the releaser is still on its
+// way out: the releaser's last touch is leaving m_Releasers, which the destructor waits for.
 void CountingSemaphore::Release(std::uint32_t amount)
 {
-    std::lock_guard<std::mutex> gate(m_Gate);
-    m_Count += amount;
-    if (amount == 1) m_Wake.notify_one();
-    else m_Wake.notify_all();
+    m_Releasers.fetch_add(1);
+    m_Count.fetch_add(amount);
+    if (m_Sleepers.load() != 0) {
+        std::lock_guard<std::mutex> gate(m_Gate);
+        if (amount == 1) m_Wake.notify_one();
+        else m_Wake.notify_all();
+    }
+    m_Releasers.fetch_sub(1);
+}
+
+bool CountingSemaphore::TryTake(std::atomic<unsigned int>* mirror)
+{
+    std::uint64_t count = m_Count.load();
+    while (count > 0) {
+        if (m_Count.compare_exchange_weak(count, count - 1)) {
+            if (mirror != nullptr) mirror->fetch_sub(1);
+            return true;
+        }
+    }
+    return false;
 }
 
 int CountingSemaphore::WaitUntil(Deadline deadline, std::atomic<unsigned int>* mirror)
 {
+    if (TryTake(mirror)) return WAIT_SIGNALLED;
     std::unique_lock<std::mutex> gate(m_Gate);
     ++m_Inside;
-    bool signalled = m_Wake.wait_until(gate, deadline, [this] { return m_Count > 0; });
-    if (signalled) {
-        --m_Count;
-        if (mirror != nullptr) mirror->fetch_sub(1);
-    }
+    m_Sleepers.fetch_add(1);
+    bool signalled = m_Wake.wait_until(gate, deadline, [this, mirror] { return TryTake(mirror); });
+    m_Sleepers.fetch_sub(1);
     --m_Inside;
     m_Left.notify_all();
     return signalled ? WAIT_SIGNALLED : WAIT_TIMED_OUT;
+}
+
+void CountingSemaphore::Wait(std::atomic<unsigned int>* mirror)
+{
+    if (TryTake(mirror)) return;
+    std::unique_lock<std::mutex> gate(m_Gate);
+    ++m_Inside;
+    m_Sleepers.fetch_add(1);
+    m_Wake.wait(gate, [this, mirror] { return TryTake(mirror); });
+    m_Sleepers.fetch_sub(1);
+    --m_Inside;
+    m_Left.notify_all();
 }
 
 CountingSemaphore::~CountingSemaphore()
@@ -171,7 +204,10 @@ CountingSemaphore::~CountingSemaphore()
     // once no unit is left for a thread inside, every released thread is out. Threads still
     // inside then had no unit coming: their wait outliving the object is the destroyer's fault.
     std::unique_lock<std::mutex> gate(m_Gate);
-    m_Left.wait_for(gate, std::chrono::seconds(5), [this] { return m_Inside == 0 || m_Count == 0; });
+    m_Left.wait_for(gate, std::chrono::seconds(5), [this] { return m_Inside == 0 || m_Count.load() == 0; });
+    gate.unlock();
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (m_Releasers.load() != 0 && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
 }
 
 } // namespace Qel::Core::Platform

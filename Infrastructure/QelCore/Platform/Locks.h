@@ -138,13 +138,22 @@ public:
     // WAIT_SIGNALLED (one unit taken) or WAIT_TIMED_OUT. A taken unit is also subtracted from
     // `mirror`, in the same step, so that the caller need not touch its object after the wait.
     int WaitUntil(Deadline deadline, std::atomic<unsigned int>* mirror = nullptr);
+    // As WaitUntil without a deadline (and without reading the clock).
+    void Wait(std::atomic<unsigned int>* mirror = nullptr);
 
 private:
+    // Takes a unit if there is one, without the gate.
+    bool TryTake(std::atomic<unsigned int>* mirror);
+
+    // Units and waiters are atomic, so that a release with nobody waiting and a wait that finds a
+    // unit never touch the gate; the gate and the condition variable serve the threads that sleep.
     std::mutex m_Gate;
     std::condition_variable m_Wake;
     std::condition_variable m_Left;
-    std::uint64_t m_Count;
-    int m_Inside = 0;
+    std::atomic<std::uint64_t> m_Count;
+    std::atomic<int> m_Sleepers{0};  // threads in the slow path of WaitUntil
+    std::atomic<int> m_Releasers{0}; // threads in Release: the destructor waits for them
+    int m_Inside = 0;                // under the gate
 };
 
 } // namespace Qel::Core::Platform

@@ -40,10 +40,9 @@ void Semaphore::Wait()
         (void)TimedWait(Elapse::Infinite());
         return;
     }
-    int result =
-        m_pImpl->semaphore.WaitUntil(Platform::DeadlineAfterTicks(Elapse::Infinite().GetRawTimerTicks()), &m_Count);
-    if (result == Platform::WAIT_SIGNALLED) return;
-    QEL_RAISE_ERROR(OSError("Infinite wait timed out!"), "Qel.Core.Semaphore");
+    // Without a deadline there is no time-out (the original's "Infinite wait timed out!" has no
+    // cause here).
+    m_pImpl->semaphore.Wait(&m_Count);
 }
 
 bool Semaphore::TimedWait(const Elapse& timeout)

@@ -160,14 +160,21 @@ public:
     }
 
 private:
+    // One lock for the release's unit and the item.
     bool TakeAfterWait(T& item)
     {
+        bool wakeProducer;
         {
             Lock guard(m_Mutex);
             // The unit of a release travels on from consumer to consumer.
             if (m_Released) m_Semaphore.Post(1);
+            if (m_Items.empty()) return false;
+            item = std::move(m_Items.front());
+            m_Items.pop_front();
+            wakeProducer = m_WaitingProducers > 0;
         }
-        return TryDequeue(item);
+        if (wakeProducer) m_Room.Post(1);
+        return true;
     }
 
     // Under m_Mutex.
