@@ -1,127 +1,116 @@
-// PathName: parts found by scanning the text, changes that rebuild it, a syntax check, and the
-// file-system operations the library needs.
+// PathName: the text logic of paths, and the file-system operations on top of the platform layer.
+//
+// Every query scans the text anew; nothing is cached. All index arithmetic stays within the text,
+// so that any text whatsoever (empty, separators or colons alone, a character 0 inside) can be
+// asked every question without harm.
 #include "Infrastructure/QelCore/PathName.h"
 
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Platform/FileSystem.h"
 #include "Infrastructure/QelCore/StringTools.h"
 
+#include <algorithm>
 #include <cctype>
-#include <cstring>
+#include <string_view>
 
 namespace Qel::Core {
+
 namespace {
 
-const char* const sNT_VALID_CHARS = " _~!#%&()@`'^$.-";
-const char* const sUNIX_VALID_CHARS = " _~!#%&()@`'^$.\\-";
-const char* const sNT_SEPARATORS = "\\/";
-const char* const sUNIX_SEPARATORS = "/";
-const char* const sEXT_SEPARATOR = ".";
-const char* const sDRIVE_SEPARATOR = ":";
-const char* const sUNC_SEPARATOR = "\\";
 const char* const sLOGGER = "Qel.Core.PathName";
 
-bool Contains(const char* set, char c)
+// The parameter tables of the two formats. PathName points at them, never owns them, so that a
+// copy of a PathName copies the pointers as they are.
+constexpr char sNT_VALID_CHARS[] = " _~!#%&()@`'^$.-";
+constexpr char sUNIX_VALID_CHARS[] = " _~!#%&()@`'^$.\\-";
+constexpr char sNT_SEPARATORS[] = "\\/";
+constexpr char sUNIX_SEPARATORS[] = "/";
+constexpr char sEXT_SEPARATOR[] = ".";
+constexpr char sDRIVE_SEPARATOR[] = ":";
+constexpr char sUNC_SEPARATOR[] = "\\";
+
+constexpr std::size_t npos = std::string::npos;
+
+// Whether `c` stands in the zero-terminated set; the character 0 never does. The sets are a few
+// characters long: a plain loop beats a call of strchr.
+inline bool InSet(char c, const char* pszSet)
 {
-    return c != '\0' && std::strchr(set, c) != nullptr;
+    for (; *pszSet != '\0'; ++pszSet) {
+        if (*pszSet == c) return true;
+    }
+    return false;
 }
 
-// A tokeniser with the behaviour of the C library's strtok (leading delimiters are skipped, a
-// token ends at the next delimiter, which is consumed), with its state in the object.
-class Tokens
+// Cuts a text into tokens as the C library's strtok does - leading delimiters skipped, a token
+// ending at the next delimiter, which is consumed - with the delimiters chosen per call, but with
+// its state in the object, so that any number of texts may be cut at the same time.
+class Tokenizer
 {
 public:
-    Tokens(const std::string& text, std::size_t start) : m_Text(text), m_Position(start) {}
-    bool Next(const char* delimiters, std::string& token)
+    Tokenizer(const std::string& sText, std::size_t nStart) : m_sText(sText), m_nPos(nStart) {}
+
+    // The next token, or false when only delimiters (or nothing) are left.
+    bool Next(const char* pszDelimiters, std::string_view& token)
     {
-        while (m_Position < m_Text.size() && Contains(delimiters, m_Text[m_Position])) ++m_Position;
-        if (m_Position >= m_Text.size()) return false;
-        std::size_t end = m_Position;
-        while (end < m_Text.size() && !Contains(delimiters, m_Text[end])) ++end;
-        token = m_Text.substr(m_Position, end - m_Position);
-        m_Position = end < m_Text.size() ? end + 1 : end;
+        const std::size_t nSize = m_sText.size();
+        while (m_nPos < nSize && InSet(m_sText[m_nPos], pszDelimiters)) ++m_nPos;
+        if (m_nPos >= nSize) return false;
+        const std::size_t nBegin = m_nPos;
+        while (m_nPos < nSize && !InSet(m_sText[m_nPos], pszDelimiters)) ++m_nPos;
+        token = std::string_view(m_sText).substr(nBegin, m_nPos - nBegin);
+        if (m_nPos < nSize) ++m_nPos; // the delimiter that ended the token
         return true;
     }
 
 private:
-    const std::string& m_Text;
-    std::size_t m_Position;
+    const std::string& m_sText;
+    std::size_t m_nPos;
 };
-
-// Narrow text is UTF-8: the bytes of a non-ASCII character count as letters of a name.
-bool IsNameCharacter(char c, const char* validChars)
-{
-    unsigned char byte = static_cast<unsigned char>(c);
-    return byte >= 0x80 || std::isalnum(byte) || Contains(validChars, c);
-}
-
-// "/" for every "\".
-std::string Slashed(std::string text)
-{
-    for (char& c : text)
-        if (c == '\\') c = '/';
-    return text;
-}
-
-// Collapses "." and ".." of an absolute POSIX path; keeps a trailing "/".
-std::string Collapse(const std::string& path)
-{
-    std::vector<std::string> kept;
-    std::size_t position = 0;
-    while (position <= path.size()) {
-        std::size_t end = path.find('/', position);
-        if (end == std::string::npos) end = path.size();
-        std::string part = path.substr(position, end - position);
-        if (part == "..") {
-            if (!kept.empty()) kept.pop_back();
-        } else if (!part.empty() && part != ".") {
-            kept.push_back(part);
-        }
-        position = end + 1;
-    }
-    std::string result;
-    for (const std::string& part : kept) result += "/" + part;
-    if (result.empty()) return "/";
-    std::size_t last = path.find_last_not_of('/');
-    bool trailing = !path.empty() && path.back() == '/';
-    // "x/." and "x/.." name a folder too.
-    if (last != std::string::npos) {
-        std::size_t lastStart = path.rfind('/', last);
-        std::string lastPart = path.substr(lastStart == std::string::npos ? 0 : lastStart + 1, last - lastStart);
-        trailing |= lastPart == "." || lastPart == "..";
-    }
-    return trailing ? result + "/" : result;
-}
 
 } // namespace
 
-// ---- construction ----
+// ---- construction and assignment ----
 
-PathName::PathName(PathFormat format) : PathName(std::string(), format) {}
+PathName::PathName(PathFormat eFormat) : PathName(std::string(), eFormat) {}
 
-PathName::PathName(const char* path, PathFormat format) : PathName(std::string(path != nullptr ? path : ""), format) {}
-
-PathName::PathName(const std::string& path, PathFormat format) : m_sPath(path)
+PathName::PathName(const char* pszPath, PathFormat eFormat) : PathName(std::string(pszPath ? pszPath : ""), eFormat)
 {
-    InitParams(format);
+}
+
+PathName::PathName(const std::string& sPath, PathFormat eFormat)
+    : m_sPath(sPath),
+      m_pszValidChars(nullptr),
+      m_pszSeparators(nullptr),
+      m_cSeparator('/'),
+      m_pszExtSeparator(nullptr),
+      m_pszBaseSeparator(nullptr),
+      m_nMaxLeafLength(0),
+      m_nMaxExtLength(0),
+      m_nMaxNameLength(0),
+      m_nMaxBaseLength(0),
+      m_iMaxDirs(0)
+{
+    InitParams(eFormat);
     InitSeparators();
 }
 
-PathName& PathName::operator=(const std::string& path)
+PathName& PathName::operator=(const std::string& sPath)
 {
-    m_sPath = path;
+    m_sPath = sPath;
     InitSeparators();
     return *this;
 }
 
-PathName& PathName::operator=(const char* path)
+PathName& PathName::operator=(const char* pszPath)
 {
-    return *this = std::string(path != nullptr ? path : "");
+    m_sPath = pszPath ? pszPath : "";
+    InitSeparators();
+    return *this;
 }
 
-void PathName::InitParams(PathFormat format)
+void PathName::InitParams(PathFormat eFormat)
 {
-    if (format == UNIX) SetUNIX();
+    if (eFormat == UNIX) SetUNIX();
     else SetNT();
 }
 
@@ -129,7 +118,9 @@ void PathName::SetNT()
 {
     m_pszValidChars = sNT_VALID_CHARS;
     m_pszSeparators = sNT_SEPARATORS;
-    m_cSeparator = '/'; // Linux: a text without a separator gets "/"
+    // Linux rule 2: a text without separator gets the slash, so that paths built by the library
+    // are Linux paths.
+    m_cSeparator = '/';
     m_pszExtSeparator = sEXT_SEPARATOR;
     m_pszBaseSeparator = sDRIVE_SEPARATOR;
     m_nMaxLeafLength = 256;
@@ -155,45 +146,40 @@ void PathName::SetUNIX()
 
 bool PathName::InitSeparators()
 {
-    bool unc = IsUNC();
-    m_pszBaseSeparator = unc ? sUNC_SEPARATOR : sDRIVE_SEPARATOR;
-    std::size_t found = m_sPath.find_first_of(m_pszSeparators, unc ? 2 : 0);
-    if (found == std::string::npos) return false;
-    m_cSeparator = m_sPath[found];
+    const bool bUNC = IsUNC();
+    m_pszBaseSeparator = bUNC ? sUNC_SEPARATOR : sDRIVE_SEPARATOR;
+    const std::size_t nFirst = m_sPath.find_first_of(m_pszSeparators, bUNC ? 2 : 0);
+    if (nFirst == npos) return false;
+    m_cSeparator = m_sPath[nFirst];
     return true;
 }
 
 bool PathName::IsPathSeparator(char c) const
 {
-    return Contains(m_pszSeparators, c);
+    return InSet(c, m_pszSeparators);
 }
 
 // ---- scanning helpers ----
 
-std::size_t PathName::FindBaseSeparator() const
-{
-    return m_sPath.find(m_pszBaseSeparator[0], IsUNC() ? 2 : 0);
-}
-
-std::size_t PathName::LastSeparator() const
-{
-    return m_sPath.find_last_of(m_pszSeparators);
-}
-
 std::size_t PathName::LeafStart() const
 {
-    std::size_t separator = LastSeparator();
-    if (separator != std::string::npos) return separator + 1;
-    std::size_t base = m_sPath.rfind(m_pszBaseSeparator[0]);
-    return base == std::string::npos ? 0 : base + 1;
+    for (std::size_t i = m_sPath.size(); i > 0; --i) {
+        if (IsPathSeparator(m_sPath[i - 1])) return i;
+    }
+    const std::size_t nLastBase = m_sPath.rfind(m_pszBaseSeparator[0]);
+    return nLastBase == npos ? 0 : nLastBase + 1;
 }
 
-bool PathName::EndsInSeparator(const std::string& text) const
+std::size_t PathName::ExtDot(std::size_t nLeafStart) const
 {
-    return !text.empty() && IsPathSeparator(text.back());
+    // The dot must lie in the last component: behind the last separator (or base separator), so
+    // that `C:\dir.d\file` has no extension and leaf and extension always end the text.
+    const std::size_t nDot = m_sPath.rfind(m_pszExtSeparator[0]);
+    if (nDot == npos || nDot < nLeafStart) return npos;
+    return nDot;
 }
 
-// ---- the parts ----
+// ---- questions on the text ----
 
 bool PathName::IsUNC() const
 {
@@ -202,186 +188,257 @@ bool PathName::IsUNC() const
 
 std::string PathName::GetBase() const
 {
-    std::size_t base = FindBaseSeparator();
-    return base == std::string::npos ? std::string() : m_sPath.substr(0, base);
+    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0], IsUNC() ? 2 : 0);
+    return nBase == npos ? std::string() : m_sPath.substr(0, nBase);
 }
 
 std::string PathName::GetBranch() const
 {
-    std::size_t base = FindBaseSeparator();
-    std::size_t start = base == std::string::npos ? 0 : (IsUNC() ? base : base + 1);
-    std::size_t last = LastSeparator();
-    if (last == std::string::npos || last < start) return std::string();
-    return m_sPath.substr(start, last - start + 1);
+    const std::size_t nLastSeparator = m_sPath.find_last_of(m_pszSeparators);
+    if (nLastSeparator == npos) return std::string();
+    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0], IsUNC() ? 2 : 0);
+    // A UNC branch starts at its base separator (a backslash), a drive's branch behind the colon.
+    const std::size_t nStart = nBase == npos ? 0 : (IsUNC() ? nBase : nBase + 1);
+    if (nLastSeparator < nStart) return std::string();
+    return m_sPath.substr(nStart, nLastSeparator + 1 - nStart);
 }
 
 std::string PathName::GetBaseAndBranch() const
 {
-    std::size_t last = LastSeparator();
-    if (last != std::string::npos) return m_sPath.substr(0, last + 1);
-    std::size_t base = FindBaseSeparator();
-    return base == std::string::npos ? std::string() : m_sPath.substr(0, base + 1);
+    // Up to and including the last separator; without one, the base and its separator (`F:` of
+    // `F:name`). Both are the text in front of the leaf.
+    return m_sPath.substr(0, LeafStart());
 }
 
 std::string PathName::GetLeaf() const
 {
-    std::size_t start = LeafStart();
-    std::size_t dot = m_sPath.rfind(m_pszExtSeparator[0]);
-    std::size_t end = dot == std::string::npos || dot < start ? m_sPath.size() : dot;
-    return m_sPath.substr(start, end - start);
+    const std::size_t nStart = LeafStart();
+    const std::size_t nDot = ExtDot(nStart);
+    return nDot == npos ? m_sPath.substr(nStart) : m_sPath.substr(nStart, nDot - nStart);
 }
 
 std::string PathName::GetExt() const
 {
-    std::size_t dot = m_sPath.rfind(m_pszExtSeparator[0]);
-    if (dot == std::string::npos || dot < LeafStart()) return std::string();
-    return m_sPath.substr(dot + 1);
+    const std::size_t nDot = ExtDot(LeafStart());
+    return nDot == npos ? std::string() : m_sPath.substr(nDot + 1);
 }
 
 std::string PathName::GetLeafAndExt() const
 {
-    std::string ext = GetExt();
-    return ext.empty() ? GetLeaf() : GetLeaf() + m_pszExtSeparator + ext;
+    // The leaf, and the dot and the extension unless that is empty: the rest of the text behind
+    // the leaf's start, without a trailing dot.
+    const std::size_t nStart = LeafStart();
+    const std::size_t nDot = ExtDot(nStart);
+    if (nDot != npos && nDot + 1 == m_sPath.size()) return m_sPath.substr(nStart, nDot - nStart);
+    return m_sPath.substr(nStart);
 }
 
 bool PathName::HasBase() const
 {
-    return IsUNC() || m_sPath.find(m_pszBaseSeparator[0]) != std::string::npos;
+    return IsUNC() || m_sPath.find(m_pszBaseSeparator[0]) != npos;
 }
 
 bool PathName::HasBranch() const
 {
-    return LastSeparator() != std::string::npos;
+    return m_sPath.find_first_of(m_pszSeparators) != npos;
 }
 
 bool PathName::HasExt() const
 {
-    return !GetExt().empty();
+    const std::size_t nDot = ExtDot(LeafStart());
+    return nDot != npos && nDot + 1 < m_sPath.size();
 }
 
 bool PathName::HasLeaf() const
 {
-    return !GetLeafAndExt().empty();
+    // GetLeafAndExt() is not empty: something stands behind the leaf's start other than one dot.
+    const std::size_t nRest = m_sPath.size() - LeafStart();
+    return nRest > 1 || (nRest == 1 && m_sPath.back() != m_pszExtSeparator[0]);
 }
 
 bool PathName::IsAbsolute() const
 {
     if (m_sPath.empty()) return false;
     if (IsUNC()) return true;
-    if (m_sPath[0] == '/') return true; // the POSIX root
+    // Linux rule 1: the root of the file system.
+    if (m_sPath[0] == '/') return true;
     if (IsPathSeparator(m_sPath[0])) return false;
-    std::size_t base = m_sPath.find(m_pszBaseSeparator[0]);
-    if (base == std::string::npos) return false;
-    return base + 1 < m_sPath.size() && IsPathSeparator(m_sPath[base + 1]);
+    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0]);
+    if (nBase == npos) return false;
+    return nBase + 1 < m_sPath.size() && IsPathSeparator(m_sPath[nBase + 1]);
+}
+
+bool PathName::IsRelative() const
+{
+    return !IsAbsolute();
 }
 
 bool PathName::IsValid() const
 {
-    if (m_sPath.empty()) return false;
-    const std::string& text = m_sPath;
-    bool unc = IsUNC();
-    std::size_t start = unc ? 2 : 0;
-    Tokens tokens(text, start);
-    std::string token;
+    const std::string& s = m_sPath;
+    if (s.empty()) return false;
+    // A character 0 would end the text for every C function that gets it.
+    if (s.find('\0') != npos) return false;
 
-    std::size_t base = text.find(m_pszBaseSeparator[0], start);
-    if (base != std::string::npos) {
-        if (!unc && text.find(':') != text.rfind(':')) return false;
-        // A text of nothing but base separators has no base to check: it is no path.
-        if (!tokens.Next(m_pszBaseSeparator, token)) return false;
-        if (!unc && token.size() > m_nMaxBaseLength) return false;
-        for (std::size_t i = start; i < token.size(); ++i)
-            if (!IsNameCharacter(token[i], m_pszValidChars)) return false;
-        // The component right behind the base is read and passes unchecked.
+    const bool bUNC = IsUNC();
+    const std::size_t nStart = bUNC ? 2 : 0;
+    const char szBase[2] = {m_pszBaseSeparator[0], '\0'};
+    auto isValidChar = [this](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || InSet(c, m_pszValidChars);
+    };
+
+    Tokenizer tokens(s, nStart);
+    std::string_view token;
+    if (s.find(szBase[0], nStart) != npos) {
+        if (!bUNC && s.find(':') != s.rfind(':')) return false;
+        // A text of nothing but base separators (":", or `\\` followed by backslashes alone) has
+        // no base in front of them: invalid.
+        if (!tokens.Next(szBase, token)) return false;
+        if (!bUNC && token.size() > m_nMaxBaseLength) return false;
+        // From index nStart of the token on, so the first two characters of a UNC server name
+        // are not looked at.
+        for (std::size_t i = nStart; i < token.size(); ++i) {
+            if (!isValidChar(token[i])) return false;
+        }
+        // The component directly behind the base is read and not checked, nor counted.
         tokens.Next(m_pszSeparators, token);
     }
-    for (std::size_t i = start; i + 1 < text.size(); ++i)
-        if (IsPathSeparator(text[i]) && IsPathSeparator(text[i + 1])) return false;
 
-    std::int64_t count = 0;
+    for (std::size_t i = nStart; i + 1 < s.size(); ++i) {
+        if (IsPathSeparator(s[i]) && IsPathSeparator(s[i + 1])) return false;
+    }
+
+    std::int64_t nCount = 0;
     while (tokens.Next(m_pszSeparators, token)) {
-        if (m_iMaxDirs != 0 && count > m_iMaxDirs) return false;
-        std::size_t dot = token.rfind(m_pszExtSeparator[0]);
-        if (dot != std::string::npos) {
-            if (dot > m_nMaxLeafLength) return false;
-            if (token.size() > dot + m_nMaxExtLength + 2) return false;
+        if (m_iMaxDirs != 0 && nCount > m_iMaxDirs) return false;
+        const std::size_t nDot = token.rfind(m_pszExtSeparator[0]);
+        if (nDot != std::string_view::npos) {
+            if (nDot > m_nMaxLeafLength) return false;
+            if (token.size() > nDot + m_nMaxExtLength + 2) return false;
             if (token.size() > m_nMaxNameLength) return false;
         } else if (token.size() > m_nMaxLeafLength) {
             return false;
         }
-        for (char c : token)
-            if (!IsNameCharacter(c, m_pszValidChars)) return false;
-        ++count;
+        for (char c : token) {
+            if (!isValidChar(c)) return false;
+        }
+        ++nCount;
     }
     return true;
 }
 
 // ---- changes of parts ----
 
-void PathName::SetBase(const std::string& base)
+PathName& PathName::operator+=(const std::string& sPath)
 {
-    std::string text;
-    if (!base.empty()) {
-        bool uncBase = base.size() >= 2 && base[0] == '\\' && base[1] == '\\';
-        text = base;
-        if (uncBase) {
-            if (text.size() > 2 && text.back() == '\\') text.pop_back();
-        } else if (text.back() != ':') {
-            text += ':';
+    return *this += sPath.c_str();
+}
+
+PathName& PathName::operator+=(const char* aPath)
+{
+    if (aPath == nullptr || *aPath == '\0') return *this;
+    // A copy: the argument may point into this very text, which the steps below change.
+    const std::string sArgument(aPath);
+    if (m_sPath.empty()) {
+        *this = sArgument;
+        return *this;
+    }
+    if (HasExt()) {
+        QEL_RAISE_HANDLEABLE_ERROR(LogicError("Cannot append to a PathName that is a file name: " + m_sPath),
+                                   sLOGGER);
+    }
+    const PathName argument(sArgument, NT);
+    if (argument.HasBase()) QEL_RAISE_HANDLEABLE_ERROR(InvalidParameter("aPath", sArgument), sLOGGER);
+    ForceAsDir();
+    const std::size_t nSkip = argument.IsPathSeparator(sArgument[0]) ? 1 : 0;
+    m_sPath.append(sArgument, nSkip, npos);
+    return *this;
+}
+
+void PathName::SetBase(const std::string& sBase)
+{
+    const std::string sBranch = GetBranch();
+    const std::string sLeafAndExt = GetLeafAndExt();
+    std::string sNew;
+    if (!sBase.empty()) {
+        sNew = sBase;
+        const bool bUNCBase = sNew.size() >= 2 && sNew[0] == '\\' && sNew[1] == '\\';
+        if (bUNCBase) {
+            // The backslash that ends a UNC base is the branch's first character.
+            if (sNew.size() > 2 && sNew.back() == '\\') sNew.pop_back();
+        } else if (sNew.back() != ':') {
+            sNew += ':';
         }
     }
-    std::string branch = GetBranch();
-    text += branch.empty() ? std::string(1, m_cSeparator) : branch;
-    text += GetLeafAndExt();
-    m_sPath = text;
+    if (sBranch.empty()) sNew += m_cSeparator;
+    else sNew += sBranch;
+    sNew += sLeafAndExt;
+    m_sPath = sNew;
     InitSeparators();
 }
 
-void PathName::SetBranch(const std::string& branch)
+void PathName::SetBranch(const std::string& sBranch)
 {
-    std::string text;
-    std::size_t base = FindBaseSeparator();
-    if (base != std::string::npos) text = m_sPath.substr(0, base) + m_pszBaseSeparator;
-    text += branch;
-    // With neither base nor branch there is no folder to separate from the leaf.
-    if (!text.empty() && !EndsInSeparator(text)) text += m_cSeparator;
-    m_sPath = text + GetLeafAndExt();
+    const std::string sLeafAndExt = GetLeafAndExt();
+    std::string sNew;
+    if (HasBase()) {
+        sNew = GetBase();
+        // A UNC branch begins with the base separator itself (see GetBranch): a branch that
+        // begins with a separator takes its place, so that SetBranch(GetBranch()) changes nothing.
+        if (!(IsUNC() && !sBranch.empty() && IsPathSeparator(sBranch[0]))) sNew += m_pszBaseSeparator;
+    }
+    sNew += sBranch;
+    // Nothing at all in front of the leaf (an empty branch and no base): no separator either, the
+    // path just loses its branch. Any other text ends in a separator.
+    if (!sNew.empty() && !IsPathSeparator(sNew.back())) sNew += m_cSeparator;
+    sNew += sLeafAndExt;
+    m_sPath = sNew;
 }
 
-void PathName::AddBranch(const std::string& branch)
+void PathName::AddBranch(const std::string& sBranch)
 {
-    std::string text = GetBranch();
-    if (!text.empty() && !EndsInSeparator(text)) text += m_cSeparator;
-    SetBranch(text + branch);
+    std::string sNew = GetBranch();
+    if (!sNew.empty() && !IsPathSeparator(sNew.back())) sNew += m_cSeparator;
+    sNew += sBranch;
+    SetBranch(sNew);
 }
 
-void PathName::SetBaseAndBranch(const std::string& baseAndBranch)
+void PathName::SetBaseAndBranch(const std::string& sBaseAndBranch)
 {
-    std::string text = baseAndBranch;
-    if (!text.empty() && !EndsInSeparator(text)) text += m_cSeparator;
-    m_sPath = text + GetLeafAndExt();
+    std::string sNew = sBaseAndBranch;
+    if (!sNew.empty() && !IsPathSeparator(sNew.back())) sNew += m_cSeparator;
+    sNew += GetLeafAndExt();
+    m_sPath = sNew;
     InitSeparators();
 }
 
-void PathName::SetLeaf(const std::string& leaf)
+void PathName::SetLeaf(const std::string& sLeaf)
 {
-    std::string name = leaf;
-    std::size_t dot = name.rfind(m_pszExtSeparator[0]);
-    if (dot != std::string::npos && dot != 0) name.resize(dot);
-    std::string ext = GetExt();
-    m_sPath = GetBaseAndBranch() + name + (ext.empty() ? std::string() : m_pszExtSeparator + ext);
+    // `name.ext` sets the leaf `name`; a dot at index 0 (`.hidden`) does not cut.
+    const std::size_t nDot = sLeaf.rfind(m_pszExtSeparator[0]);
+    const std::string sNewLeaf = (nDot != npos && nDot != 0) ? sLeaf.substr(0, nDot) : sLeaf;
+    std::string sNew = GetBaseAndBranch() + sNewLeaf;
+    const std::string sExt = GetExt();
+    if (!sExt.empty()) {
+        sNew += m_pszExtSeparator;
+        sNew += sExt;
+    }
+    m_sPath = sNew;
 }
 
-void PathName::SetExt(const std::string& ext)
+void PathName::SetExt(const std::string& sExt)
 {
-    std::string text = GetBaseAndBranch() + GetLeaf();
-    if (!ext.empty()) text += ext[0] == m_pszExtSeparator[0] ? ext : m_pszExtSeparator + ext;
-    m_sPath = text;
+    std::string sNew = GetBaseAndBranch() + GetLeaf();
+    if (!sExt.empty()) {
+        if (sExt[0] != m_pszExtSeparator[0]) sNew += m_pszExtSeparator;
+        sNew += sExt;
+    }
+    m_sPath = sNew;
 }
 
-void PathName::SetLeafAndExt(const std::string& leafAndExt)
+void PathName::SetLeafAndExt(const std::string& sLeafAndExt)
 {
-    m_sPath = GetBaseAndBranch() + leafAndExt;
+    m_sPath = GetBaseAndBranch() + sLeafAndExt;
 }
 
 void PathName::ForceAsDir()
@@ -391,182 +448,243 @@ void PathName::ForceAsDir()
 
 bool PathName::ForceAbsolute()
 {
+    if (m_sPath.empty()) return false;
     if (IsUNC()) return true;
-    if (m_sPath.empty() || FindBaseSeparator() != std::string::npos) return false;
-    std::string text = Slashed(m_sPath);
-    if (text[0] != '/') {
-        std::string current = Platform::CurrentDirectory();
-        if (current.empty()) return false;
-        text = current + "/" + text;
+    if (HasForeignBase()) return false;
+
+    // Components of the result; `.` is dropped, `..` takes the last one back (not above the root).
+    std::vector<std::string_view> vParts;
+    auto add = [&vParts](std::string_view part) {
+        if (part.empty() || part == ".") return;
+        if (part == "..") {
+            if (!vParts.empty()) vParts.pop_back();
+            return;
+        }
+        vParts.push_back(part);
+    };
+
+    // A text that starts with a separator of either kind starts at the root; any other follows
+    // the current folder. (The original platform took a leading backslash as the root of the
+    // current drive; Linux has one root.)
+    std::string sCurrent;
+    if (!IsPathSeparator(m_sPath[0]) && m_sPath[0] != '/') {
+        sCurrent = Platform::CurrentDirectory();
+        if (sCurrent.empty()) return false;
+        std::size_t nBegin = 0;
+        for (std::size_t i = 0; i <= sCurrent.size(); ++i) {
+            if (i == sCurrent.size() || sCurrent[i] == '/') {
+                add(std::string_view(sCurrent).substr(nBegin, i - nBegin));
+                nBegin = i + 1;
+            }
+        }
     }
-    m_sPath = Collapse(text);
-    // The absolute form is a POSIX path: its separator is the preferred one from now on.
-    InitSeparators();
+    std::size_t nBegin = 0;
+    std::string_view sLast;
+    for (std::size_t i = 0; i <= m_sPath.size(); ++i) {
+        if (i == m_sPath.size() || IsPathSeparator(m_sPath[i]) || m_sPath[i] == '/') {
+            sLast = std::string_view(m_sPath).substr(nBegin, i - nBegin);
+            add(sLast);
+            nBegin = i + 1;
+        }
+    }
+
+    std::string sNew;
+    for (std::string_view part : vParts) {
+        sNew += '/';
+        sNew += part;
+    }
+    // A text that ends in a separator, `.` or `..` names a folder, and keeps saying so.
+    if (sNew.empty() || sLast.empty() || sLast == "." || sLast == "..") sNew += '/';
+    m_sPath = sNew;
     return true;
 }
 
-void PathName::ForceRelative(const std::string& relativeTo)
+void PathName::ForceRelative(const std::string& sRelativeTo)
 {
-    if (relativeTo.empty()) {
+    if (sRelativeTo.empty()) {
         if (HasBase()) SetBase(std::string());
-        else if (!m_sPath.empty() && m_sPath[0] == '/') m_sPath.erase(0, 1);
         return;
     }
-    PathName folder(relativeTo, NT);
-    if (folder.IsRelative()) folder.ForceAbsolute();
-    if (IsRelative()) ForceAbsolute();
-    const std::string& prefix = folder.m_sPath;
-    if (prefix.size() > m_sPath.size()) return;
-    for (std::size_t i = 0; i < prefix.size(); ++i)
-        if (std::toupper(static_cast<unsigned char>(prefix[i])) != std::toupper(static_cast<unsigned char>(m_sPath[i])))
-            return; // no match: the path stays absolute
-    std::string rest = m_sPath.substr(prefix.size());
-    if (!rest.empty() && (rest[0] == '\\' || rest[0] == '/')) rest.erase(0, 1);
-    m_sPath = rest;
+    PathName folder(sRelativeTo, NT);
+    if (folder.IsRelative()) {
+        folder.ForceAbsolute();
+        ForceAbsolute();
+    }
+    const std::string& sPrefix = folder.m_sPath;
+    if (sPrefix.size() > m_sPath.size()) return;
+    for (std::size_t i = 0; i < sPrefix.size(); ++i) {
+        if (std::toupper(static_cast<unsigned char>(sPrefix[i])) != std::toupper(static_cast<unsigned char>(m_sPath[i])))
+            return;
+    }
+    m_sPath.erase(0, sPrefix.size());
+    // Linux rule 1: a leading separator of either kind goes, or the rest would name the root.
+    if (!m_sPath.empty() && (m_sPath[0] == '\\' || m_sPath[0] == '/')) m_sPath.erase(0, 1);
+}
+
+std::string PathName::UniformBranch() const
+{
+    std::string sBranch = GetBranch();
+    std::replace_if(sBranch.begin(), sBranch.end(), [this](char c) { return IsPathSeparator(c); }, m_cSeparator);
+    return sBranch;
 }
 
 bool PathName::UpDir()
 {
     if (!HasBranch()) return false;
-    std::vector<std::string> pieces;
-    if (StringTools::Split(GetBranch(), std::string(1, m_cSeparator), pieces) == 0) return false;
-    // The piece behind the trailing separator, then the last folder.
-    if (!pieces.empty() && pieces.back().empty()) pieces.pop_back();
-    if (pieces.empty()) return false;
-    pieces.pop_back();
-    std::string branch;
-    if (pieces.size() == 1 && pieces[0].empty()) branch = std::string(1, m_cSeparator); // the root
-    else if (pieces.empty()) {
-        if (FindBaseSeparator() == std::string::npos) return false; // no folder left to name
-    } else {
-        branch = StringTools::Join(pieces, std::string(1, m_cSeparator));
-    }
+    const std::string sSeparator(1, m_cSeparator);
+    std::vector<std::string> vPieces;
+    if (StringTools::Split(UniformBranch(), sSeparator, vPieces) == 0) return false;
+    // The empty piece behind the branch's trailing separator.
+    if (vPieces.back().empty()) vPieces.pop_back();
+    // Nothing but the root (or an empty branch): there is no folder above.
+    if (std::all_of(vPieces.begin(), vPieces.end(), [](const std::string& s) { return s.empty(); })) return false;
+    // The last directory.
+    vPieces.pop_back();
+    std::string sBranch = StringTools::Join(vPieces, sSeparator);
+    if (!vPieces.empty() && sBranch.empty()) sBranch = sSeparator; // the root piece alone
+
     SetLeafAndExt(std::string());
-    SetBranch(branch);
+    if (sBranch.empty()) {
+        // No directory left: the base alone (`C:` of `C:dir\f.txt`), or the empty text.
+        m_sPath = HasBase() ? GetBase() + m_pszBaseSeparator : std::string();
+        return true;
+    }
+    SetBranch(sBranch);
     ForceAsDir();
     return true;
-}
-
-PathName& PathName::operator+=(const std::string& path)
-{
-    return *this += path.c_str();
-}
-
-PathName& PathName::operator+=(const char* aPath)
-{
-    if (aPath == nullptr || *aPath == '\0') return *this;
-    if (m_sPath.empty()) return *this = aPath;
-    if (HasExt())
-        QEL_RAISE_HANDLEABLE_ERROR(LogicError("Cannot append to a PathName that is a file name: " + m_sPath), sLOGGER);
-    PathName argument(aPath, NT);
-    if (argument.HasBase()) QEL_RAISE_HANDLEABLE_ERROR(InvalidParameter("aPath", std::string(aPath)), sLOGGER);
-    ForceAsDir();
-    const char* rest = aPath;
-    if (argument.IsPathSeparator(*rest)) ++rest;
-    m_sPath += rest;
-    return *this;
 }
 
 // ---- the file system ----
 
-bool PathName::FileSystemText(std::string& text, bool stripTrailingSeparator) const
+bool PathName::HasForeignBase() const
 {
-    if (m_sPath.empty() || IsUNC() || FindBaseSeparator() != std::string::npos) return false;
-    text = m_sPath;
-    if (stripTrailingSeparator && text.size() > 1 && IsPathSeparator(text.back())) text.pop_back();
-    text = Slashed(text);
-    return true;
+    if (IsUNC()) return true;
+    if (m_sPath.empty() || m_sPath[0] == '/') return false;
+    // A drive: a colon in the first component.
+    for (char c : m_sPath) {
+        if (c == ':') return true;
+        if (IsPathSeparator(c)) return false;
+    }
+    return false;
+}
+
+std::string PathName::FileSystemText(bool bStripTrailingSeparator) const
+{
+    std::string sText = m_sPath;
+    if (bStripTrailingSeparator && sText.size() > 1 && IsPathSeparator(sText.back())) sText.pop_back();
+    // Linux rule 3: in the NT format the backslash separates directories, for Linux the slash.
+    if (IsPathSeparator('\\')) std::replace(sText.begin(), sText.end(), '\\', '/');
+    return sText;
 }
 
 bool PathName::Exists() const
 {
-    std::string text;
-    if (!FileSystemText(text, true)) return false;
-    Platform::PathKind kind = Platform::StatPath(text);
-    return HasLeaf() ? kind == Platform::PathKind::eFILE : kind == Platform::PathKind::eDIRECTORY;
+    if (m_sPath.empty() || HasForeignBase()) return false;
+    const Platform::PathStatus status = Platform::Stat(FileSystemText(true));
+    return status.eKind == (HasLeaf() ? Platform::PathKind::File : Platform::PathKind::Directory);
 }
 
 bool PathName::IsDir() const
 {
-    std::string text;
-    return FileSystemText(text, true) && Platform::StatPath(text) == Platform::PathKind::eDIRECTORY;
+    if (m_sPath.empty() || HasForeignBase()) return false;
+    return Platform::Stat(FileSystemText(true)).eKind == Platform::PathKind::Directory;
 }
 
 std::uint64_t PathName::GetLength() const
 {
-    std::string text;
-    std::uint64_t size = 0;
-    if (!FileSystemText(text, true)) return 0;
-    return Platform::StatPath(text, &size) == Platform::PathKind::eFILE ? size : 0;
+    if (m_sPath.empty() || HasForeignBase()) return 0;
+    const Platform::PathStatus status = Platform::Stat(FileSystemText(true));
+    return status.eKind == Platform::PathKind::File ? status.nSize : 0;
 }
 
 bool PathName::CreateBranch() const
 {
-    std::string text;
-    if (!FileSystemText(text, false)) return false;
-    std::string branch = Slashed(GetBranch());
-    std::size_t position = 0;
+    if (HasForeignBase()) return false;
+    const std::string sBranch = GetBranch();
+    // Each separator of the branch but a leading one ends a folder to make. Without a base, the
+    // folder's path is the branch up to that separator.
+    std::size_t nPos = 0;
     for (;;) {
-        std::size_t next = branch.find('/', position + 1);
-        if (next == std::string::npos) return true;
-        std::string folder = branch.substr(0, next);
-        if (!folder.empty() && Platform::StatPath(folder) != Platform::PathKind::eDIRECTORY &&
-            !Platform::MakeDirectory(folder))
+        std::size_t nNext = npos;
+        for (std::size_t i = nPos + 1; i < sBranch.size(); ++i) {
+            if (IsPathSeparator(sBranch[i])) {
+                nNext = i;
+                break;
+            }
+        }
+        if (nNext == npos) return true;
+        std::string sFolder = sBranch.substr(0, nNext);
+        if (IsPathSeparator('\\')) std::replace(sFolder.begin(), sFolder.end(), '\\', '/');
+        if (Platform::Stat(sFolder).eKind != Platform::PathKind::Directory && !Platform::MakeDirectory(sFolder))
             return false;
-        position = next;
+        nPos = nNext;
     }
 }
 
 bool PathName::Delete()
 {
+    if (HasForeignBase()) return false;
     if (!Exists()) return true;
-    std::string text;
-    if (!FileSystemText(text, true)) return false;
-    if (Platform::StatPath(text) == Platform::PathKind::eDIRECTORY) return Platform::RemoveDirectory(text);
-    return Platform::RemoveFile(text);
+    const std::string sText = FileSystemText(true);
+    return IsDir() ? Platform::RemoveDirectory(sText) : Platform::RemoveFile(sText);
 }
 
-bool PathName::Delete(const std::string& name)
+bool PathName::Delete(const std::string& sFile)
 {
-    if (name.empty() || !IsDir()) return false;
-    std::string text = m_sPath;
-    if (!EndsInSeparator(text)) text += m_cSeparator;
-    return Platform::RemoveFile(Slashed(text + name));
+    if (sFile.empty() || HasForeignBase() || !IsDir()) return false;
+    std::string sText = m_sPath;
+    if (!IsPathSeparator(sText.back())) sText += m_cSeparator;
+    sText += sFile;
+    if (IsPathSeparator('\\')) std::replace(sText.begin(), sText.end(), '\\', '/');
+    return Platform::RemoveFile(sText);
 }
 
-bool PathName::Rename(const std::string& newName)
+bool PathName::Rename(const std::string& sNewName)
 {
-    if (!Exists()) return false;
-    PathName target(NT);
+    if (HasForeignBase() || !Exists()) return false;
+    // The target keeps this path's format.
+    PathName target(*this);
+    target = std::string();
+    std::string sSource;
     if (IsDir()) {
-        std::vector<std::string> pieces;
-        StringTools::Split(GetBranch(), std::string(1, m_cSeparator), pieces);
-        if (!pieces.empty() && pieces.back().empty()) pieces.pop_back();
-        if (pieces.empty() || pieces.back().empty()) return false; // the root has no name
-        pieces.back() = newName;
+        // The last directory of the branch gets the new name.
+        const std::string sSeparator(1, m_cSeparator);
+        std::vector<std::string> vPieces;
+        StringTools::Split(UniformBranch(), sSeparator, vPieces);
+        if (vPieces.size() < 2 || !vPieces.back().empty()) return false;
+        vPieces.pop_back();
+        if (vPieces.back().empty()) return false; // the root
+        vPieces.back() = sNewName;
         target.SetBase(GetBase());
-        target.SetBranch(StringTools::Join(pieces, std::string(1, m_cSeparator)));
+        target.SetBranch(StringTools::Join(vPieces, sSeparator));
+        PathName source(*this);
+        source = GetBaseAndBranch();
+        sSource = source.FileSystemText(true);
     } else {
         target = GetBaseAndBranch();
         target.ForceAsDir();
-        target += newName;
+        target += sNewName;
+        sSource = FileSystemText(true);
     }
-    if (target.Exists()) return false;
-    std::string from, to;
-    if (!FileSystemText(from, true) || !target.FileSystemText(to, true)) return false;
-    if (!Platform::RenameNoReplace(from, to)) return false;
+    if (target.HasForeignBase() || target.Exists()) return false;
+    if (!Platform::RenameNoReplace(sSource, target.FileSystemText(true))) return false;
     *this = target;
     return true;
 }
 
-bool PathName::ReadDirectory(std::vector<std::string>& names, std::string filter) const
+bool PathName::ReadDirectory(std::vector<std::string>& vNames, std::string sFilter) const
 {
-    std::string text;
-    if (!FileSystemText(text, true)) return false;
-    // The filter may hold folders of its own: "sub/*.txt".
-    std::string full = text + "/" + Slashed(filter);
-    std::size_t slash = full.rfind('/');
-    return Platform::ListDirectory(full.substr(0, slash), full.substr(slash + 1), names);
+    if (HasForeignBase()) return false;
+    // The text, a slash and the filter; the filter is the last component. (An empty text lists
+    // the root, as it listed the root of the current drive on the original platform.)
+    std::string sFull = m_sPath + "/" + sFilter;
+    if (IsPathSeparator('\\')) std::replace(sFull.begin(), sFull.end(), '\\', '/');
+    const std::size_t nSlash = sFull.rfind('/');
+    std::string sFolder = sFull.substr(0, nSlash);
+    if (sFolder.empty()) sFolder = "/";
+    // A missing folder gives false: on the original platform its listing failed with "path not
+    // found"; "file not found" meant that no name matched, which here is a listing of no names.
+    return Platform::ListDirectory(sFolder, sFull.substr(nSlash + 1), vNames);
 }
 
 } // namespace Qel::Core

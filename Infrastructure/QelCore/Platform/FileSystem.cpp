@@ -1,79 +1,126 @@
-// File-system queries and changes (see FileSystem.h for the decisions behind each).
+// The file system as PathName needs it (see FileSystem.h for the porting decisions).
 #include "Infrastructure/QelCore/Platform/FileSystem.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 namespace Qel::Core::Platform {
 
-PathKind StatPath(const std::string& path, std::uint64_t* size)
+namespace {
+
+// The filter as fnmatch reads it with FNM_NOESCAPE: only `*` and `?` stay wildcards, `[` becomes
+// the bracket expression that matches itself. `*.*` matches every name, as it always did on the
+// original platform.
+std::string FnmatchPattern(const std::string& sPattern)
 {
-    if (size != nullptr) *size = 0;
-    struct stat info;
-    if (path.empty() || ::stat(path.c_str(), &info) != 0) return PathKind::eNONE;
-    if (S_ISDIR(info.st_mode)) return PathKind::eDIRECTORY;
-    if (!S_ISREG(info.st_mode)) return PathKind::eOTHER;
-    if (size != nullptr) *size = static_cast<std::uint64_t>(info.st_size);
-    return PathKind::eFILE;
+    if (sPattern == "*.*") return "*";
+    std::string sResult;
+    sResult.reserve(sPattern.size());
+    for (char c : sPattern) {
+        if (c == '[') sResult += "[[]";
+        else sResult += c;
+    }
+    return sResult;
 }
 
-bool MakeDirectory(const std::string& path)
+bool Exists(const std::string& sPath)
 {
-    if (::mkdir(path.c_str(), 0777) == 0) return true;
-    // Made by someone else in the meantime: there it is.
-    return errno == EEXIST && StatPath(path) == PathKind::eDIRECTORY;
+    struct stat st;
+    return ::lstat(sPath.c_str(), &st) == 0 || errno != ENOENT;
 }
 
-bool RemoveFile(const std::string& path)
+} // namespace
+
+PathStatus Stat(const std::string& sPath)
 {
-    return ::unlink(path.c_str()) == 0;
+    PathStatus status;
+    struct stat st;
+    if (::stat(sPath.c_str(), &st) != 0) return status;
+    if (S_ISREG(st.st_mode)) {
+        status.eKind = PathKind::File;
+        status.nSize = static_cast<std::uint64_t>(st.st_size);
+    } else if (S_ISDIR(st.st_mode)) {
+        status.eKind = PathKind::Directory;
+    } else {
+        status.eKind = PathKind::Other;
+    }
+    return status;
 }
 
-bool RemoveDirectory(const std::string& path)
+bool MakeDirectory(const std::string& sPath)
 {
-    return ::rmdir(path.c_str()) == 0;
+    return ::mkdir(sPath.c_str(), 0777) == 0;
 }
 
-bool RenameNoReplace(const std::string& from, const std::string& to)
+bool RemoveDirectory(const std::string& sPath)
 {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    return ::rmdir(sPath.c_str()) == 0;
+}
+
+bool RemoveFile(const std::string& sPath)
+{
+    return ::unlink(sPath.c_str()) == 0;
+}
+
+bool RenameNoReplace(const std::string& sFrom, const std::string& sTo)
+{
+    if (::renameat2(AT_FDCWD, sFrom.c_str(), AT_FDCWD, sTo.c_str(), RENAME_NOREPLACE) == 0) return true;
     if (errno != EINVAL && errno != ENOSYS) return false;
-    // The file system cannot rename without replacing.
-    PathKind kind = StatPath(from);
-    if (kind == PathKind::eDIRECTORY) {
-        if (StatPath(to) != PathKind::eNONE) return false;
-        return ::rename(from.c_str(), to.c_str()) == 0;
+
+    // EINVAL also stands for moving a folder into itself; the fallbacks fail on that as well.
+    struct stat st;
+    if (::lstat(sFrom.c_str(), &st) != 0) return false;
+    if (!S_ISDIR(st.st_mode)) {
+        if (::link(sFrom.c_str(), sTo.c_str()) == 0) {
+            if (::unlink(sFrom.c_str()) == 0) return true;
+            ::unlink(sTo.c_str());
+            return false;
+        }
+        if (errno == EEXIST) return false;
+        // No hard links on this file system: the check below is all that is left.
     }
-    if (::link(from.c_str(), to.c_str()) != 0) return false; // fails when the target exists
-    return ::unlink(from.c_str()) == 0;
+    if (Exists(sTo)) return false;
+    return ::rename(sFrom.c_str(), sTo.c_str()) == 0;
 }
 
-bool ListDirectory(const std::string& folder, const std::string& pattern, std::vector<std::string>& names)
+bool ListDirectory(const std::string& sDir, const std::string& sPattern, std::vector<std::string>& vNames)
 {
-    DIR* directory = ::opendir(folder.empty() ? "." : folder.c_str());
-    if (directory == nullptr) return false;
-    std::string wanted = pattern.empty() || pattern == "*.*" ? "*" : pattern;
-    while (struct dirent* entry = ::readdir(directory)) {
-        if (::fnmatch(wanted.c_str(), entry->d_name, 0) == 0) names.emplace_back(entry->d_name);
+    DIR* pDir = ::opendir(sDir.c_str());
+    if (pDir == nullptr) return false;
+    const std::string sFnmatch = FnmatchPattern(sPattern);
+    bool bOk = true;
+    for (;;) {
+        errno = 0;
+        const dirent* pEntry = ::readdir(pDir);
+        if (pEntry == nullptr) {
+            bOk = errno == 0;
+            break;
+        }
+        if (::fnmatch(sFnmatch.c_str(), pEntry->d_name, FNM_NOESCAPE) == 0) vNames.emplace_back(pEntry->d_name);
     }
-    ::closedir(directory);
-    return true;
+    ::closedir(pDir);
+    return bOk;
 }
 
 std::string CurrentDirectory()
 {
-    char* current = ::getcwd(nullptr, 0);
-    if (current == nullptr) return std::string();
-    std::string text(current);
-    std::free(current);
-    while (text.size() > 1 && text.back() == '/') text.pop_back();
-    return text;
+    std::string sBuffer(256, '\0');
+    for (;;) {
+        if (::getcwd(sBuffer.data(), sBuffer.size()) != nullptr) {
+            sBuffer.resize(std::char_traits<char>::length(sBuffer.c_str()));
+            // getcwd names an unreachable folder "(unreachable)/..." on old kernels: not a path.
+            if (sBuffer.empty() || sBuffer[0] != '/') return std::string();
+            return sBuffer;
+        }
+        if (errno != ERANGE) return std::string();
+        sBuffer.assign(sBuffer.size() * 2, '\0');
+    }
 }
 
 } // namespace Qel::Core::Platform

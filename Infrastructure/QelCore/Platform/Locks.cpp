@@ -4,7 +4,6 @@
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
 #include <climits>
-#include <thread>
 #include <ctime>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -144,58 +143,60 @@ int AutoResetEvent::ReleaseAndWaitUntil(RecursiveTimedLock& lock, Deadline deadl
 
 // ---- CountingSemaphore ----
 
-// The count and the number of sleepers are sequentially consistent: a releaser adds its units and
-// then looks for sleepers; a waiter counts itself as a sleeper and then looks for units. One of the
-// two always sees the other, so a unit is never left lying while a thread sleeps.
-// A waiter may take a released unit and destroy the semaphore while the releaser is still on its
-// way out: the releaser's last touch is leaving m_Releasers, which the destructor waits for.
 void CountingSemaphore::Release(std::uint32_t amount)
 {
-    m_Releasers.fetch_add(1);
-    m_Count.fetch_add(amount);
-    if (m_Sleepers.load() != 0) {
-        std::lock_guard<std::mutex> gate(m_Gate);
-        if (amount == 1) m_Wake.notify_one();
-        else m_Wake.notify_all();
-    }
-    m_Releasers.fetch_sub(1);
+    std::uint64_t before = m_State.fetch_add(amount);
+    if (before < kSleeper) return; // nobody asleep: nothing more to touch
+    // A sleeper can only leave its wait through the gate, so the object lives while it is held.
+    std::lock_guard<std::mutex> gate(m_Gate);
+    if (amount == 1) m_Wake.notify_one();
+    else m_Wake.notify_all();
 }
 
-bool CountingSemaphore::TryTake(std::atomic<unsigned int>* mirror)
+bool CountingSemaphore::TryTake()
 {
-    std::uint64_t count = m_Count.load();
-    while (count > 0) {
-        if (m_Count.compare_exchange_weak(count, count - 1)) {
-            if (mirror != nullptr) mirror->fetch_sub(1);
-            return true;
-        }
+    std::uint64_t state = m_State.load();
+    while ((state & kUnits) != 0) {
+        if (m_State.compare_exchange_weak(state, state - 1)) return true;
     }
     return false;
 }
 
-int CountingSemaphore::WaitUntil(Deadline deadline, std::atomic<unsigned int>* mirror)
+void CountingSemaphore::Sleep(std::unique_lock<std::mutex>& gate, const Deadline* deadline, bool& signalled)
 {
-    if (TryTake(mirror)) return WAIT_SIGNALLED;
-    std::unique_lock<std::mutex> gate(m_Gate);
     ++m_Inside;
-    m_Sleepers.fetch_add(1);
-    bool signalled = m_Wake.wait_until(gate, deadline, [this, mirror] { return TryTake(mirror); });
-    m_Sleepers.fetch_sub(1);
+    m_State.fetch_add(kSleeper);
+    if (deadline == nullptr) {
+        m_Wake.wait(gate, [this] { return TryTake(); });
+        signalled = true;
+    } else {
+        signalled = m_Wake.wait_until(gate, *deadline, [this] { return TryTake(); });
+    }
+    m_State.fetch_sub(kSleeper);
     --m_Inside;
     m_Left.notify_all();
+}
+
+int CountingSemaphore::WaitUntil(Deadline deadline)
+{
+    if (TryTake()) return WAIT_SIGNALLED;
+    std::unique_lock<std::mutex> gate(m_Gate);
+    bool signalled = false;
+    Sleep(gate, &deadline, signalled);
     return signalled ? WAIT_SIGNALLED : WAIT_TIMED_OUT;
 }
 
-void CountingSemaphore::Wait(std::atomic<unsigned int>* mirror)
+void CountingSemaphore::Wait()
 {
-    if (TryTake(mirror)) return;
+    if (TryTake()) return;
     std::unique_lock<std::mutex> gate(m_Gate);
-    ++m_Inside;
-    m_Sleepers.fetch_add(1);
-    m_Wake.wait(gate, [this, mirror] { return TryTake(mirror); });
-    m_Sleepers.fetch_sub(1);
-    --m_Inside;
-    m_Left.notify_all();
+    bool signalled = false;
+    Sleep(gate, nullptr, signalled);
+}
+
+std::uint32_t CountingSemaphore::Count() const
+{
+    return static_cast<std::uint32_t>(m_State.load(std::memory_order_relaxed) & kUnits);
 }
 
 CountingSemaphore::~CountingSemaphore()
@@ -204,10 +205,7 @@ CountingSemaphore::~CountingSemaphore()
     // once no unit is left for a thread inside, every released thread is out. Threads still
     // inside then had no unit coming: their wait outliving the object is the destroyer's fault.
     std::unique_lock<std::mutex> gate(m_Gate);
-    m_Left.wait_for(gate, std::chrono::seconds(5), [this] { return m_Inside == 0 || m_Count.load() == 0; });
-    gate.unlock();
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (m_Releasers.load() != 0 && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+    m_Left.wait_for(gate, std::chrono::seconds(5), [this] { return m_Inside == 0 || (m_State.load() & kUnits) == 0; });
 }
 
 } // namespace Qel::Core::Platform

@@ -127,33 +127,41 @@ private:
 };
 
 // A counting semaphore with timed waits.
+//
+// One 64-bit word holds the units (low 40 bits) and the number of threads asleep in a wait (high
+// 24 bits), so that a release is one atomic addition, and touches nothing more when nobody sleeps;
+// a wait that finds a unit is one compare-and-swap. Only sleepers use the gate and the condition
+// variable. A releaser adds its units and sees the sleepers in the same step; a waiter counts
+// itself as a sleeper and then looks for units: one of the two always sees the other, so a unit
+// is never left lying while a thread sleeps.
 class QEL_CORE_LOCAL CountingSemaphore
 {
 public:
-    explicit CountingSemaphore(std::uint32_t initialCount) : m_Count(initialCount) {}
-    // Gives threads that were released just before (and are still on their way out of WaitUntil)
+    explicit CountingSemaphore(std::uint32_t initialCount) : m_State(initialCount) {}
+    // Gives threads that were released just before (and are still on their way out of a wait)
     // up to 5 seconds to leave, so that a semaphore may be destroyed right after its last Release.
     ~CountingSemaphore();
     void Release(std::uint32_t amount);
-    // WAIT_SIGNALLED (one unit taken) or WAIT_TIMED_OUT. A taken unit is also subtracted from
-    // `mirror`, in the same step, so that the caller need not touch its object after the wait.
-    int WaitUntil(Deadline deadline, std::atomic<unsigned int>* mirror = nullptr);
+    // WAIT_SIGNALLED (one unit taken) or WAIT_TIMED_OUT.
+    int WaitUntil(Deadline deadline);
     // As WaitUntil without a deadline (and without reading the clock).
-    void Wait(std::atomic<unsigned int>* mirror = nullptr);
+    void Wait();
+    // The units there are now.
+    std::uint32_t Count() const;
 
 private:
-    // Takes a unit if there is one, without the gate.
-    bool TryTake(std::atomic<unsigned int>* mirror);
+    static constexpr std::uint64_t kSleeper = std::uint64_t(1) << 40;
+    static constexpr std::uint64_t kUnits = kSleeper - 1;
 
-    // Units and waiters are atomic, so that a release with nobody waiting and a wait that finds a
-    // unit never touch the gate; the gate and the condition variable serve the threads that sleep.
+    // Takes a unit if there is one, without the gate.
+    bool TryTake();
+    void Sleep(std::unique_lock<std::mutex>& gate, const Deadline* deadline, bool& signalled);
+
+    std::atomic<std::uint64_t> m_State;
     std::mutex m_Gate;
     std::condition_variable m_Wake;
     std::condition_variable m_Left;
-    std::atomic<std::uint64_t> m_Count;
-    std::atomic<int> m_Sleepers{0};  // threads in the slow path of WaitUntil
-    std::atomic<int> m_Releasers{0}; // threads in Release: the destructor waits for them
-    int m_Inside = 0;                // under the gate
+    int m_Inside = 0; // threads in the slow path of a wait, under the gate
 };
 
 } // namespace Qel::Core::Platform

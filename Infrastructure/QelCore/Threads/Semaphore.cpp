@@ -13,7 +13,7 @@ struct Semaphore::Impl
 };
 
 Semaphore::Semaphore(unsigned int initialCount)
-    : m_pImpl(std::make_unique<Impl>(initialCount)), m_Count(initialCount), m_MainThreadDepth(0)
+    : m_pImpl(std::make_unique<Impl>(initialCount)), m_MainThreadDepth(0)
 {
 }
 
@@ -21,7 +21,7 @@ Semaphore::~Semaphore() = default;
 
 unsigned int Semaphore::GetCount() const
 {
-    return m_Count.load(std::memory_order_relaxed);
+    return m_pImpl->semaphore.Count();
 }
 
 void Semaphore::Post(unsigned int amount)
@@ -30,7 +30,6 @@ void Semaphore::Post(unsigned int amount)
         AssertFailed("amount > 0", QEL_CODE_CONTEXT());
         return;
     }
-    m_Count.fetch_add(amount);
     m_pImpl->semaphore.Release(amount);
 }
 
@@ -42,7 +41,7 @@ void Semaphore::Wait()
     }
     // Without a deadline there is no time-out (the original's "Infinite wait timed out!" has no
     // cause here).
-    m_pImpl->semaphore.Wait(&m_Count);
+    m_pImpl->semaphore.Wait();
 }
 
 bool Semaphore::TimedWait(const Elapse& timeout)
@@ -60,14 +59,12 @@ bool Semaphore::TimedWait(const Elapse& timeout)
             return false;
         }
         Platform::CountingSemaphore& semaphore = m_pImpl->semaphore;
-        std::atomic<unsigned int>& mirror = m_Count;
         auto busyWait = MainThread::CreateBusyWait(
-            &semaphore, [&semaphore, &mirror](Platform::Deadline until) { return semaphore.WaitUntil(until, &mirror); },
-            deadline);
+            &semaphore, [&semaphore](Platform::Deadline until) { return semaphore.WaitUntil(until); }, deadline);
         result = busyWait->Wait();
         --m_MainThreadDepth;
     } else {
-        result = m_pImpl->semaphore.WaitUntil(deadline, &m_Count);
+        result = m_pImpl->semaphore.WaitUntil(deadline);
     }
     // A taken unit has left the count already; the object is not touched after the wait.
     if (result == Platform::WAIT_SIGNALLED) return true;

@@ -31,7 +31,6 @@ public:
 private:
     struct Impl;
     std::unique_ptr<Impl> m_pImpl;
-    std::atomic<unsigned int> m_Count;
     std::int32_t m_MainThreadDepth;
 };
 
