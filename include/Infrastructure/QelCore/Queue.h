@@ -100,32 +100,20 @@ public:
     }
 
     // Takes the front item; false when there is none. Never blocks.
-    bool TryDequeue(T& item)
-    {
-        bool wakeProducer;
-        {
-            Lock guard(m_Mutex);
-            if (m_Items.empty()) return false;
-            item = std::move(m_Items.front());
-            m_Items.pop_front();
-            wakeProducer = m_WaitingProducers > 0;
-        }
-        if (wakeProducer) m_Room.Post(1);
-        return true;
-    }
+    bool TryDequeue(T& item) { return Take(item, false); }
 
     // Blocks until an item comes (true) or the queue is released and empty (false).
     bool Dequeue(T& item)
     {
         m_Semaphore.Wait();
-        return TakeAfterWait(item);
+        return Take(item, true);
     }
 
     // As Dequeue, waiting at most `timeout`; false also when the time ran out.
     bool TimedDequeue(T& item, const Elapse& timeout)
     {
         if (!m_Semaphore.TimedWait(timeout)) return false;
-        return TakeAfterWait(item);
+        return Take(item, true);
     }
 
     unsigned GetCount()
@@ -160,14 +148,14 @@ public:
     }
 
 private:
-    // One lock for the release's unit and the item.
-    bool TakeAfterWait(T& item)
+    // Takes the front item under one lock; after a wait on the semaphore, the unit of a release
+    // travels on from consumer to consumer.
+    bool Take(T& item, bool afterWait)
     {
         bool wakeProducer;
         {
             Lock guard(m_Mutex);
-            // The unit of a release travels on from consumer to consumer.
-            if (m_Released) m_Semaphore.Post(1);
+            if (afterWait && m_Released) m_Semaphore.Post(1);
             if (m_Items.empty()) return false;
             item = std::move(m_Items.front());
             m_Items.pop_front();
