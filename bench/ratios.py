@@ -11,13 +11,14 @@ for bench in json.load(sys.stdin)["benchmarks"]:
         continue
     match = re.match(r"BM_(\w+?)_(Qel|[A-Za-z]+)(/.*)?$", bench["name"].replace("_median", ""))
     if match:
-        runs.setdefault((match.group(1), match.group(3) or ""), {})[match.group(2)] = bench["real_time"]
+        runs.setdefault((match.group(1), match.group(3) or ""), {})[match.group(2)] = (bench["real_time"], bench.get("time_unit", "ns"))
 
-print(f"{'case':40} {'ours (ns)':>12} {'alternative':>26} {'ratio ours/alt':>15}")
+print(f"{'case':40} {'ours':>14} {'alternative':>28} {'ratio ours/alt':>15}")
 for (case, arg), times in sorted(runs.items()):
     if "Qel" not in times:
         continue
-    for alternative, time in sorted(times.items()):
+    ours, unit = times["Qel"]
+    for alternative, (time, alt_unit) in sorted(times.items()):
         if alternative == "Qel":
             continue
-        print(f"{case + arg:40} {times['Qel']:12.1f} {alternative + f' {time:.1f} ns':>26} {times['Qel'] / time:15.2f}")
+        print(f"{case + arg:40} {f'{ours:.1f} {unit}':>14} {alternative + f' {time:.1f} {alt_unit}':>28} {ours / time:15.2f}")

@@ -4,12 +4,16 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <atomic>
 #include <cxxabi.h>
 #include <mutex>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
+
+#include "Infrastructure/QelCore/Utilities/Immortal.h"
 
 namespace Qel::Core::Platform {
 namespace {
@@ -32,6 +36,9 @@ ThreadHandle FromPthread(pthread_t thread)
     return handle;
 }
 
+std::atomic<int> g_iFinishing{0};
+thread_local bool t_bFinishing = false;
+
 struct StartBlock
 {
     ThreadEntry entry;
@@ -43,6 +50,10 @@ void* ThreadMain(void* data)
     StartBlock block = *static_cast<StartBlock*>(data);
     delete static_cast<StartBlock*>(data);
     block.entry(block.argument);
+    if (t_bFinishing) {
+        t_bFinishing = false;
+        g_iFinishing.fetch_sub(1);
+    }
     return nullptr;
 }
 
@@ -52,6 +63,19 @@ int KillSignal()
 }
 
 // Ends the calling thread through the kernel: nothing of the thread's user-space state runs.
+// Threads that closed their own handles, to be joined by someone else.
+struct Graves
+{
+    std::mutex m_Mutex;
+    std::vector<pthread_t> m_Threads;
+};
+
+Graves& EndedThreads()
+{
+    static Utilities::Immortal<Graves> s_Graves;
+    return s_Graves.Get();
+}
+
 void KillHandler(int)
 {
     ::syscall(SYS_exit, 0);
@@ -74,6 +98,7 @@ void InstallKillHandler()
 bool StartThread(std::uint32_t stackSize, ThreadEntry entry, void* argument, ThreadHandle& handle)
 {
     handle = 0;
+    ReapThreads(false);
     pthread_attr_t attributes;
     if (::pthread_attr_init(&attributes) != 0) return false;
     std::size_t size = stackSize < kMinStackSize ? kMinStackSize : stackSize;
@@ -96,8 +121,44 @@ void CloseThread(ThreadHandle& handle, bool threadHasEnded)
     if (handle == 0) return;
     pthread_t thread = ToPthread(handle);
     handle = 0;
-    if (threadHasEnded && !::pthread_equal(thread, ::pthread_self())) ::pthread_join(thread, nullptr);
-    else ::pthread_detach(thread);
+    if (::pthread_equal(thread, ::pthread_self())) {
+        Graves& graves = EndedThreads();
+        std::lock_guard<std::mutex> guard(graves.m_Mutex);
+        graves.m_Threads.push_back(thread);
+    } else if (threadHasEnded) {
+        ::pthread_join(thread, nullptr);
+    } else {
+        ::pthread_detach(thread);
+    }
+}
+
+void MarkThreadFinishing()
+{
+    if (t_bFinishing) return;
+    t_bFinishing = true;
+    g_iFinishing.fetch_add(1);
+}
+
+void FinishThreads(int milliseconds)
+{
+    for (int waited = 0; g_iFinishing.load() > 0 && waited < milliseconds; ++waited) ::usleep(1000);
+    ReapThreads(true);
+}
+
+void ReapThreads(bool wait)
+{
+    Graves& graves = EndedThreads();
+    std::lock_guard<std::mutex> guard(graves.m_Mutex);
+    auto& threads = graves.m_Threads;
+    for (auto it = threads.begin(); it != threads.end();) {
+        if (::pthread_equal(*it, ::pthread_self())) {
+            ++it; // a thread that unloads the library on its own way out
+        } else if (wait ? ::pthread_join(*it, nullptr) == 0 : ::pthread_tryjoin_np(*it, nullptr) == 0) {
+            it = threads.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 bool IsCallingThread(ThreadHandle handle)

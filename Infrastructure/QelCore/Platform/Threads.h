@@ -3,8 +3,11 @@
 //
 // Porting decisions taken here:
 // - Threads are pthreads, kept joinable. "Closing the handle" of an ended thread joins it (the
-//   thread is on its last instructions, so the join is short); a handle closed from its own thread,
-//   or of a thread that still runs, is detached instead, and never blocks.
+//   thread is on its last instructions, so the join is short); a handle of a thread that still
+//   runs is detached instead, and never blocks. A thread cannot join itself: a handle closed from
+//   its own thread (the last owner let go of the Thread there) is kept and joined by the next
+//   start of a thread, or at the latest when the library unloads, so that no thread is still on
+//   its way out while the library's objects go.
 // - A wanted stack size is honoured with a floor of 1 MiB (Linux commits the whole stack size
 //   lazily, and the sanitizers and the C library need more than the 64 KiB of the defaults).
 // - Priorities are per-thread nice values: idle 19, lowest 10, below normal 5, normal 0, above
@@ -37,6 +40,19 @@ bool StartThread(std::uint32_t stackSize, ThreadEntry entry, void* argument, Thr
 
 // Gives the system's hold on an ended thread back (see above); the handle is 0 afterwards.
 void CloseThread(ThreadHandle& handle, bool threadHasEnded);
+
+// Joins the threads that closed their own handles: those that have ended, or with `wait`, all
+// (each is on its last instructions).
+void ReapThreads(bool wait);
+
+// Marks the calling thread, started by StartThread, as on its way out: its work is done and
+// others may already see that; the mark goes when the thread returns from its entry. Marking
+// twice counts once.
+void MarkThreadFinishing();
+// Blocks until no thread is on its way out, for at most `milliseconds`; then joins the threads
+// that closed their own handles. For the library's unload: no thread of its own is still running
+// its last instructions while the library's objects go.
+void FinishThreads(int milliseconds);
 
 // Whether the thread is the calling one.
 bool IsCallingThread(ThreadHandle handle);

@@ -5,6 +5,7 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
+#include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
 
 #include <iostream>
@@ -202,6 +203,9 @@ MemoryLeakDetectOnOff::~MemoryLeakDetectOnOff() = default;
 
 void Frame::OnLibraryUnload()
 {
+    // Threads of the library that are on their way out finish before the library changes state
+    // under them and its objects go.
+    Platform::FinishThreads(2000);
     s_bUnloading = true;
     if (!s_bShutdownBegun) {
         Platform::DebugOutput(std::string("Calling Qel::Core::Shutdown from QelCore.dll unload.  This may result in ") +

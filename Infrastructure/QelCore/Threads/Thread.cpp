@@ -388,6 +388,9 @@ void Thread::SetState(EState state)
 {
     Lock guard(m_StateCondition);
     if (m_State != state) {
+        // The thread's own end: from here on others may see it done, and the process may end;
+        // the library's unload lets the thread finish its last instructions first.
+        if ((state == eTHREAD_COMPLETED || state == eTHREAD_ERROR) && IsCurrentThread()) Platform::MarkThreadFinishing();
         m_State = state;
         if (state == eTHREAD_COMPLETED) {
             NotifyThreadComplete notification(m_wpSelf);
@@ -400,9 +403,11 @@ void Thread::SetState(EState state)
 void Thread::SetLastError(Error& error, bool notify)
 {
     {
+        // A fresh copy each time, never a copy into the last one: a caller that holds the last
+        // error (GetLastError) reads it while the thread goes on.
+        std::shared_ptr<Error> copy = error.Clone();
         Lock guard(m_StateCondition);
-        if (!m_LastError) m_LastError = error.Clone();
-        else m_LastError->Copy(error, false);
+        m_LastError = std::move(copy);
     }
     if (notify) {
         NotifyThreadError notification(m_wpSelf, error);

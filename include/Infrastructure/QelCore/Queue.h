@@ -61,7 +61,7 @@ public:
     bool Enqueue(const T& item)
     {
         {
-            Lock guard(m_Mutex);
+            Hold guard(m_Mutex);
             if (m_Items.size() >= m_HardLimit) return false;
             m_Items.push_back(item);
             UpdateWatermark();
@@ -148,13 +148,27 @@ public:
     }
 
 private:
+    // The queue's own scope guard on its mutex: the calls go straight to Mutex, past the virtual
+    // interface that Lock serves.
+    class Hold
+    {
+    public:
+        explicit Hold(Mutex& mutex) : m_Mutex(mutex) { m_Mutex.Mutex::Lock(Elapse::Infinite()); }
+        ~Hold() { m_Mutex.Mutex::Unlock(); }
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+    private:
+        Mutex& m_Mutex;
+    };
+
     // Takes the front item under one lock; after a wait on the semaphore, the unit of a release
     // travels on from consumer to consumer.
     bool Take(T& item, bool afterWait)
     {
         bool wakeProducer;
         {
-            Lock guard(m_Mutex);
+            Hold guard(m_Mutex);
             if (afterWait && m_Released) m_Semaphore.Post(1);
             if (m_Items.empty()) return false;
             item = std::move(m_Items.front());

@@ -11,6 +11,10 @@
 //
 // On Linux, Kill ends the thread without unwinding its stack (see the platform layer): a killed
 // task leaves every lock it held held. Kill only tasks that hold no lock.
+//
+// A thread that has ended its task may still be on its last instructions (the log line of an
+// error, letting go of its object) when others see its state change. When the library unloads it
+// waits up to 2 s for such threads and joins them before its objects go.
 #pragma once
 
 #include "Infrastructure/QelCore/Condition.h"
