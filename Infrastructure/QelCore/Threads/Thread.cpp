@@ -200,8 +200,7 @@ void Thread::SetPriority(EPriority priority)
 {
     {
         Lock guard(m_Mutex);
-        if (m_Priority == priority) return;
-        m_Priority = priority;
+        if (m_Priority != priority) m_Priority = priority;
     }
     Lock guard(m_StateCondition);
     if (m_State == eTHREAD_RUNNING)
