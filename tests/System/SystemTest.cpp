@@ -444,34 +444,34 @@ struct Order
     std::vector<std::string> heard;
 };
 
-class NamedShutdownListener : public ShutdownListener
+// A listener of one of System's events that writes its name into the order it is heard in.
+template <typename Base, void (*Add)(Base&)>
+class Named : public Base
 {
 public:
-    NamedShutdownListener(Order& order, std::string name) : m_Order(order), m_Name(std::move(name))
-    {
-        System::AddShutdownListener(*this);
-    }
-    ~NamedShutdownListener() override { RemoveAllNotificationSources(); }
-    void OnShutdown() override { m_Order.heard.push_back(m_Name); }
+    Named(Order& order, std::string name) : m_Order(order), m_Name(std::move(name)) { Add(*this); }
+    ~Named() override { this->RemoveAllNotificationSources(); }
+
+protected:
+    void Heard() { m_Order.heard.push_back(m_Name); }
 
 private:
     Order& m_Order;
     std::string m_Name;
 };
 
-class NamedAbortListener : public AbortListener
+class NamedShutdownListener : public Named<ShutdownListener, &System::AddShutdownListener>
 {
 public:
-    NamedAbortListener(Order& order, std::string name) : m_Order(order), m_Name(std::move(name))
-    {
-        System::AddAbortListener(*this);
-    }
-    ~NamedAbortListener() override { RemoveAllNotificationSources(); }
-    void OnAbort() override { m_Order.heard.push_back(m_Name); }
+    using Named::Named;
+    void OnShutdown() override { Heard(); }
+};
 
-private:
-    Order& m_Order;
-    std::string m_Name;
+class NamedAbortListener : public Named<AbortListener, &System::AddAbortListener>
+{
+public:
+    using Named::Named;
+    void OnAbort() override { Heard(); }
 };
 
 } // namespace

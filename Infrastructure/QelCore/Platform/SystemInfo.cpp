@@ -2,6 +2,7 @@
 // settings files (see SystemInfo.h for the decisions behind each).
 #include "Infrastructure/QelCore/Platform/SystemInfo.h"
 
+#include "Infrastructure/QelCore/Platform/FileSystem.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
 #include <cctype>
@@ -15,7 +16,6 @@
 #include <pthread.h>
 #include <pwd.h>
 #include <sstream>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <vector>
@@ -31,8 +31,7 @@ std::string WithSlash(std::string path)
 
 bool IsFolder(const std::string& path)
 {
-    struct stat info;
-    return !path.empty() && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    return Stat(path).eKind == PathKind::Directory;
 }
 
 const char* Environment(const char* name)
@@ -297,8 +296,7 @@ std::string_view Trim(std::string_view text)
 bool IniFile::Load(const std::string& path)
 {
     m_Values.clear();
-    struct stat info;
-    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+    if (Stat(path).eKind != PathKind::File) return false;
     std::ifstream file(path, std::ios::binary);
     if (!file) return false;
     std::ostringstream content;

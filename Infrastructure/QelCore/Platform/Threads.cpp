@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "Infrastructure/QelCore/Platform/TimePlatform.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
 
 namespace Qel::Core::Platform {
@@ -209,10 +210,7 @@ bool HasThreadEnded(ThreadHandle& handle)
 
 std::string LastSystemErrorText()
 {
-    char buffer[256];
-    int code = errno;
-    const char* text = ::strerror_r(code, buffer, sizeof buffer);
-    return text != nullptr ? std::string(text) : std::to_string(code);
+    return SystemErrorText(errno);
 }
 
 bool CurrentExceptionEndsThread()
