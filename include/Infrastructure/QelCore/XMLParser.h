@@ -20,9 +20,9 @@
 //   that is not replaced (a character reference, an unknown entity) is kept as a reference part of
 //   the value (XMLAttributeValue::Part::reference), so that the value can be written out again
 //   with the same meaning.
-// - Elements may nest at most XMLParserNestingLimit deep (the same limit holds for the nested
-//   parentheses of a DOCTYPE's element declarations): deeper input is a parse failure, never a
-//   stack overflow, on any thread with a stack of 1 MiB or more.
+// - Elements may nest at most XMLParserNestingLimit deep, and the parenthesised groups of a
+//   DOCTYPE's element declarations XMLParserGroupNestingLimit deep: deeper input is a parse
+//   failure, never a stack overflow, on any thread with a stack of 1 MiB or more.
 // - Parse reports a syntax error only by its false result. Callbacks that came before the error
 //   stand, so a handler must cope with a partial document. Exceptions thrown by a handler pass
 //   through Parse, which leaves the parser ready for the next parse.
@@ -58,7 +58,9 @@ class Lock;
 class PathName;
 
 // The deepest nesting of elements that a document may have.
-inline constexpr std::size_t XMLParserNestingLimit = 512;
+inline constexpr std::size_t XMLParserNestingLimit = 1024;
+// The deepest nesting of parenthesised groups in an element declaration of a DOCTYPE.
+inline constexpr std::size_t XMLParserGroupNestingLimit = 64;
 
 // The string type of a parser family, and how a string is made from a range of input characters.
 template <typename String>
