@@ -5,11 +5,11 @@
 // expat (XML_Parse over the same bytes in memory) and libxml2's SAX parser
 // (xmlSAXUserParseMemory). Every parser is given handlers for start tags, end tags and text that
 // count what they see, so that all of them deliver the same information to the caller:
-//   - ParseGenerated: a generated document of 10 MB (nested elements with attributes, text with
+//   - XMLParseGenerated: a generated document of 10 MB (nested elements with attributes, text with
 //     entities and character references, comments, a CDATA section now and then),
-//   - ParseCorpus: the XML files under /usr/share, each parsed as a document of its own from
+//   - XMLParseCorpus: the XML files under /usr/share, each parsed as a document of its own from
 //     memory; files that libxml2 (as xmllint does) or expat reject are left out,
-//   - ParseSmall: the 47-byte document of the parser's documentation, a new parser for each parse
+//   - XMLParseSmall: the 47-byte document of the parser's documentation, a new parser for each parse
 //     on every side, for the latency of one parse.
 // The stream form is measured as its own cases (...Stream_Qel), against the same in-memory
 // references, so that its ratio says what reading through a stream costs against the references.
@@ -261,7 +261,7 @@ void RegisterParseCases()
         const char* suffix;
         ParseFunction parse;
     };
-    const Case cases[] = {{"ParseGenerated", Generated}, {"ParseCorpus", CorpusDocuments}, {"ParseSmall", Small}};
+    const Case cases[] = {{"XMLParseGenerated", Generated}, {"XMLParseCorpus", CorpusDocuments}, {"XMLParseSmall", Small}};
     const Side references[] = {{"_Expat", ExpatParse}, {"_Libxml", LibxmlParse}};
     for (const Case& c : cases) {
         for (bool stream : {false, true}) {
@@ -292,7 +292,7 @@ const char* const sNAME_VALUE = "a<b & \"c\"";
 const char* const sTEXT = "some text & more <here>";
 
 #ifdef QEL_BENCH_XML_WRITER
-void BM_WriteItems_Qel(benchmark::State& state)
+void BM_XMLWriteItems_Qel(benchmark::State& state)
 {
     using namespace Qel::Core;
     std::int64_t bytes = 0;
@@ -310,10 +310,10 @@ void BM_WriteItems_Qel(benchmark::State& state)
     }
     state.SetBytesProcessed(bytes);
 }
-BENCHMARK(BM_WriteItems_Qel)->MinTime(dMIN_TIME)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_XMLWriteItems_Qel)->MinTime(dMIN_TIME)->Unit(benchmark::kMillisecond);
 #endif
 
-void BM_WriteItems_Pugixml(benchmark::State& state)
+void BM_XMLWriteItems_Pugixml(benchmark::State& state)
 {
     std::int64_t bytes = 0;
     for (auto _ : state) {
@@ -335,6 +335,6 @@ void BM_WriteItems_Pugixml(benchmark::State& state)
     }
     state.SetBytesProcessed(bytes);
 }
-BENCHMARK(BM_WriteItems_Pugixml)->MinTime(dMIN_TIME)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_XMLWriteItems_Pugixml)->MinTime(dMIN_TIME)->Unit(benchmark::kMillisecond);
 
 } // namespace
