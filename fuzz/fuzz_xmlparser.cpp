@@ -2,6 +2,10 @@
 // result and the same events, a reused parser gives them again, and the events nest: no end tag
 // without a start tag, no element deeper than the nesting limit, and a document that parses has
 // closed every element it opened.
+//
+// The nesting limit counts open elements: a start tag is reported as soon as it is read, so the
+// deepest start tag that a handler sees stands one below the limit's open elements (an empty
+// element there, or the start tag whose '>' makes the input too deep, before the parse fails).
 #include "Infrastructure/QelCore/XMLParser.h"
 
 #include <cstddef>
@@ -34,7 +38,7 @@ public:
     }
     void StartTag(const String& name)
     {
-        if (++m_nDepth > Qel::Core::XMLParserNestingLimit) __builtin_trap();
+        if (++m_nDepth > Qel::Core::XMLParserNestingLimit + 1) __builtin_trap();
         m_Events.push_back("S" + name);
     }
     void Attribute(const String& name, const Qel::Core::XMLAttributeValue<String>& value)
