@@ -273,32 +273,44 @@ void PrettyPrintFormatter::FormatCDATA(std::ostream& os, const std::string& text
 namespace {
 
 // The body of a CDATA stream without white space, in lines of `width` characters behind `step`.
-// `IsSpace` tells the white space, `Narrow` turns a chunk into output text.
+// `isSpace` tells the white space, `narrow` turns a chunk into output text. Narrow text is UTF-8:
+// a character is a lead byte with its continuation bytes, and a line never ends inside one, so
+// that every line stays valid UTF-8.
 template <typename Stream, typename IsSpace, typename Narrow>
 std::uint64_t WriteChunks(std::ostream& os, Stream& text, const std::string& step, std::size_t width,
                           IsSpace isSpace, Narrow narrow)
 {
     using Char = typename Stream::char_type;
     using Traits = typename Stream::traits_type;
+    auto isContinuation = [](Char c) {
+        if constexpr (sizeof(Char) == 1) return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+        else return false;
+    };
     std::uint64_t lines = 0;
     std::basic_string<Char> chunk;
-    chunk.reserve(width);
+    std::size_t characters = 0;
+    auto flush = [&] {
+        os << step << narrow(chunk) << std::endl;
+        ++lines;
+        chunk.clear();
+        characters = 0;
+    };
     auto* buffer = text.rdbuf();
     if (buffer == nullptr) return 0;
     for (auto c = buffer->sbumpc(); !Traits::eq_int_type(c, Traits::eof()); c = buffer->sbumpc()) {
         Char ch = Traits::to_char_type(c);
         if (isSpace(ch)) continue;
-        chunk += ch;
-        if (chunk.size() == width) {
-            os << step << narrow(chunk) << std::endl;
-            ++lines;
-            chunk.clear();
+        if (isContinuation(ch)) {
+            chunk += ch;
+            continue;
         }
+        // A full chunk is written when the next character comes, so that its last character's
+        // continuation bytes stay with it.
+        if (characters == width) flush();
+        chunk += ch;
+        ++characters;
     }
-    if (!chunk.empty()) {
-        os << step << narrow(chunk) << std::endl;
-        ++lines;
-    }
+    if (!chunk.empty()) flush();
     text.setstate(std::ios::eofbit);
     return lines;
 }
