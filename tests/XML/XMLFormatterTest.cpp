@@ -361,6 +361,14 @@ TEST_F(Pretty, CDATAStreamOfExactChunksHasNoRemainderLine)
     EXPECT_EQ(out.str(), "\n\n<![CDATA[\n  " + std::string(76, 'k') + "\n  " + std::string(76, 'm') + "\n]]>\n\n");
 }
 
+TEST_F(Pretty, CDATAStreamCountsUtf8CharactersAndNeverCutsOne)
+{
+    // 75 letters and "é" (two bytes) make the first 76 characters; "b" starts the next line.
+    std::istringstream stream(std::string(75, 'a') + "\xC3\xA9" "b");
+    formatter.FormatCDATAStream(out, stream, false);
+    EXPECT_EQ(out.str(), "\n\n<![CDATA[\n  " + std::string(75, 'a') + "\xC3\xA9\n  b\n]]>\n\n");
+}
+
 TEST_F(Pretty, PreservedCDATAStreamKeepsItsLines)
 {
     std::istringstream stream("first  \n  second");
