@@ -402,3 +402,45 @@ TEST(PrettyPrint, MarkupIsLaidOutAnew)
     out << writer.Markup(compact.str());
     EXPECT_EQ(out.str(), s_sPrettyGolden);
 }
+
+TEST(PrettyPrint, MarkupKeepsTheMeaningOfAttributeValuesAndText)
+{
+    XMLWriter writer;
+    std::ostringstream out;
+    out << writer.Markup("<a x=\"1 &gt; 0 &amp; &quot;q&quot;\" y='&#65;&unknown;' z=\"it's\">"
+                         "  1 &lt; 2 <b/>\n  </a>");
+    EXPECT_EQ(out.str(), "<a x=\"1 &gt; 0 &amp; &quot;q&quot;\" y=\"&#65;&unknown;\" z=\"it&apos;s\" >\n"
+                         "  1 &lt; 2\n"
+                         "  <b/>\n"
+                         "</a>\n");
+}
+
+TEST(PrettyPrint, MalformedMarkupKeepsWhatCameBeforeTheError)
+{
+    XMLWriter writer;
+    std::ostringstream out;
+    out << writer.StartTag("r") << writer.Markup("<a><b>text</b><c") << writer.EndTag();
+    EXPECT_EQ(out.str(), "<r>\n"
+                         "  <a>\n"
+                         "    <b>text</b>\n"
+                         "  </r>\n"); // the formatter still counts <a> as open
+}
+
+TEST(PrettyPrint, MarkupFromAStreamMatchesMarkupFromText)
+{
+    const std::string markup = "<?xml version=\"1.0\"?><doc><!--c--><p k=\"v\">x</p><![CDATA[d]]></doc>";
+    XMLWriter first;
+    std::ostringstream fromText;
+    fromText << first.Markup(markup);
+    std::istringstream in(markup);
+    std::ostringstream fromStream;
+    XMLFormatter::CreatePrettyPrint()->FormatMarkupStream(fromStream, in);
+    EXPECT_EQ(fromText.str(), fromStream.str());
+    EXPECT_EQ(fromText.str(), "<?xml version=\"1.0\" encoding=\"\"?>\n"
+                              "<doc>\n"
+                              "  <!-- c -->\n"
+                              "  <p k=\"v\" >x</p>\n"
+                              "\n" // CDATA starts on a fresh line at the indent, also behind a line end
+                              "  <![CDATA[d]]>\n"
+                              "</doc>\n");
+}
