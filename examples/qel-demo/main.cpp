@@ -113,9 +113,11 @@ void ShowErrors()
     warning.RaiseWarning(QEL_CODE_CONTEXT(), "Qel.Demo.Detector");
     std::cout << "warning raised: " << warning.GetMessageA() << " (severity " << warning.GetData(AlertInfo::sSEVERITY)
               << ", logger " << warning.GetData(AlertInfo::sLOG_NAME) << ")\n";
-    std::cout << "as XML: ";
+    std::cout << "as an XML document (pretty print):\n";
     XMLWriter writer;
+    std::cout << writer.StartXMLDoc();
     warning.ToXML(writer, std::cout, "Demonstration");
+    std::cout << writer.EndXMLDoc();
 }
 
 void ShowStrings()

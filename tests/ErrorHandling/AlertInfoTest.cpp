@@ -182,13 +182,13 @@ TEST(AlertXML, UnraisedWarningHasNeitherCircumstanceNorStacks)
 {
     PlainWarning warning("text");
     std::string xml = ToXMLText(warning, "");
-    EXPECT_EQ(xml.rfind("<Warning>", 0), 0u) << xml;
-    EXPECT_NE(xml.find("<Message>plain text</Message>"), std::string::npos);
-    EXPECT_NE(xml.find("<Severity>Warning</Severity>"), std::string::npos);
+    EXPECT_EQ(xml.rfind("<Warning>\n", 0), 0u) << xml;
+    EXPECT_NE(xml.find("\n  <Message>plain text</Message>\n"), std::string::npos) << xml;
+    EXPECT_NE(xml.find("\n  <Severity>Warning</Severity>\n"), std::string::npos);
     EXPECT_EQ(xml.find("Circumstance"), std::string::npos);
     EXPECT_EQ(xml.find("UnwindStack"), std::string::npos);
     EXPECT_EQ(xml.find("CallStack"), std::string::npos);
-    EXPECT_EQ(xml.substr(xml.size() - 11), "</Warning>\n");
+    EXPECT_EQ(xml.substr(xml.size() - 12), "\n</Warning>\n");
 }
 
 TEST(AlertXML, CircumstanceComesFirstAndStacksHoldContexts)
@@ -199,23 +199,39 @@ TEST(AlertXML, CircumstanceComesFirstAndStacksHoldContexts)
     AlertInfo::ContextStack unwind{CodeContext("u.cpp", 1, "", "", ""), withVariables};
     AlertInfo alert(data, {}, unwind);
     std::string xml = ToXMLText(alert, "Testing");
-    EXPECT_EQ(xml.rfind("<Alert><Circumstance>Testing</Circumstance>", 0), 0u) << xml;
-    EXPECT_NE(xml.find("<Message>a &lt; b &amp; c</Message>"), std::string::npos);
+    EXPECT_EQ(xml.rfind("<Alert>\n  <Circumstance>Testing</Circumstance>\n", 0), 0u) << xml;
+    EXPECT_NE(xml.find("\n  <Message>a &lt; b &amp; c</Message>\n"), std::string::npos) << xml;
     // The call stack is present but empty: no element at all.
     EXPECT_EQ(xml.find("CallStack"), std::string::npos);
-    EXPECT_NE(xml.find("<UnwindStack><Context>"), std::string::npos);
-    EXPECT_NE(xml.find("<Variables><Var name=\"x\">1 &gt; 0</Var></Variables>"), std::string::npos);
+    EXPECT_NE(xml.find("\n  <UnwindStack>\n    <Context>\n      <"), std::string::npos) << xml;
+    EXPECT_NE(xml.find("\n      <Variables>\n        <Var name=\"x\" >1 &gt; 0</Var>\n      </Variables>\n"),
+              std::string::npos)
+        << xml;
     // Only the context with variables has a Variables element.
     EXPECT_EQ(xml.find("<Variables>"), xml.rfind("<Variables>"));
+    const std::string end = "    </Context>\n  </UnwindStack>\n</Alert>\n";
+    ASSERT_GE(xml.size(), end.size());
+    EXPECT_EQ(xml.substr(xml.size() - end.size()), end);
 }
 
-TEST(AlertXML, ControlCharactersAndInvalidUtf8AreReplaced)
+TEST(AlertXML, CompactWriterGivesOneLine)
 {
-    EXPECT_EQ(XMLWriter::Escape(std::string("a\x01z", 3)), "a\xEF\xBF\xBDz");
-    EXPECT_EQ(XMLWriter::Escape("tab\there\nline\r"), "tab\there\nline\r");
-    EXPECT_EQ(XMLWriter::Escape("\xC3\xA9t\xC3\xA9"), "\xC3\xA9t\xC3\xA9");     // "été" stays
-    EXPECT_EQ(XMLWriter::Escape("bad \xFF byte"), "bad \xEF\xBF\xBD byte");     // not UTF-8
-    EXPECT_EQ(XMLWriter::Escape("cut \xC3"), "cut \xEF\xBF\xBD");               // truncated sequence
-    EXPECT_EQ(XMLWriter::Escape("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"); // surrogate
-    EXPECT_EQ(XMLWriter::Escape("'\""), "&apos;&quot;");
+    StringMap data{{"Message", "m"}};
+    AlertInfo alert(data, {}, {});
+    XMLWriter writer(XMLFormatter::CreateCompact());
+    std::ostringstream out;
+    alert.ToXML(writer, out, "c");
+    EXPECT_EQ(out.str(), "<Alert><Circumstance>c</Circumstance><Message>m</Message></Alert>");
+}
+
+TEST(AlertXML, ControlCharactersAndInvalidUtf8StayWellFormed)
+{
+    // Control characters become their visible stand-ins (U+2401), a byte that isn't UTF-8 its
+    // Latin-1 letter; tab, line feed and valid UTF-8 stay.
+    StringMap data{{"Message", std::string("a\x01z \xFF \xC3\xA9\tq", 10)}};
+    AlertInfo alert(data, {}, {});
+    XMLWriter writer(XMLFormatter::CreateCompact());
+    std::ostringstream out;
+    alert.ToXML(writer, out, "");
+    EXPECT_EQ(out.str(), "<Alert><Message>a\xE2\x90\x81z \xC3\xBF \xC3\xA9\tq</Message></Alert>");
 }

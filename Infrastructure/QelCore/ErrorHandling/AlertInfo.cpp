@@ -27,22 +27,22 @@ namespace {
 void WriteStack(XMLWriter& writer, std::ostream& out, const char* name, const AlertInfo::ContextStack& stack)
 {
     if (stack.empty()) return;
-    writer.StartElement(out, name);
+    out << writer.StartTag(name);
     for (const CodeContext& context : stack) {
-        writer.StartElement(out, "Context");
-        for (const auto& [key, value] : context.GetContextInfo()) writer.Element(out, key, value);
+        out << writer.StartTag("Context");
+        for (const auto& [key, value] : context.GetContextInfo()) out << writer.Tag(key, XMLWriter::NO_ATTRIBUTES, value);
         if (context.HasVariableInfo()) {
-            writer.StartElement(out, "Variables");
+            out << writer.StartTag("Variables");
             for (const auto& [variable, value] : context.GetVariables()) {
-                writer.StartElement(out, "Var", "name", variable);
-                writer.Text(out, value);
-                writer.EndElement(out);
+                XMLAttributeMap<std::string> attributes;
+                attributes["name"] = variable;
+                out << writer.Tag("Var", attributes, value);
             }
-            writer.EndElement(out);
+            out << writer.EndTag();
         }
-        writer.EndElement(out);
+        out << writer.EndTag();
     }
-    writer.EndElement(out);
+    out << writer.EndTag();
 }
 
 } // namespace
@@ -160,14 +160,14 @@ void AlertInfo::SetSeverity(ESeverity severity)
 
 void AlertInfo::ToXML(XMLWriter& writer, std::ostream& out, const std::string& circumstance)
 {
-    writer.StartElement(out, XMLElementName());
-    if (!circumstance.empty()) writer.Element(out, "Circumstance", circumstance);
+    out << writer.StartTag(XMLElementName());
+    if (!circumstance.empty()) out << writer.Tag("Circumstance", XMLWriter::NO_ATTRIBUTES, circumstance);
     StringMap data;
     GetAllData(data);
-    for (const auto& [key, value] : data) writer.Element(out, key, value);
+    for (const auto& [key, value] : data) out << writer.Tag(key, XMLWriter::NO_ATTRIBUTES, value);
     if (m_spCallStack) WriteStack(writer, out, "CallStack", *m_spCallStack);
     if (m_spUnwindStack) WriteStack(writer, out, "UnwindStack", *m_spUnwindStack);
-    writer.EndElement(out);
+    out << writer.EndTag();
 }
 
 void AlertInfo::GetDisplayFormat(const std::string& typeName, const std::string& defaultFormat, std::string& format)

@@ -199,8 +199,9 @@ void AlertManager::Broadcast(Notification& notification)
         try {
             XMLWriter writer;
             std::ostringstream out;
-            out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+            out << writer.StartXMLDoc();
             error.ToXML(writer, out, "Error in alert listener during alert notification");
+            out << writer.EndXMLDoc();
             Platform::WriteStandardError(out.str());
         } catch (...) {
         }

@@ -28,4 +28,6 @@
 #include "Infrastructure/QelCore/ThreadPool.h"
 #include "Infrastructure/QelCore/Time.h"
 #include "Infrastructure/QelCore/TypeNames.h"
+#include "Infrastructure/QelCore/XMLAttributes.h"
+#include "Infrastructure/QelCore/XMLFormatter.h"
 #include "Infrastructure/QelCore/XMLWriter.h"
