@@ -103,6 +103,8 @@ def describe_divergence(ours, theirs):
 
 
 def shorten(text, width=110):
+    """The text for a report line: bytes that are not UTF-8 as escapes, long texts cut."""
+    text = text.encode("utf-8", "surrogateescape").decode("utf-8", "backslashreplace")
     return text if len(text) <= width else text[:width - 3] + "..."
 
 
