@@ -3,9 +3,8 @@
 // without a start tag, no element deeper than the nesting limit, and a document that parses has
 // closed every element it opened.
 //
-// The nesting limit counts open elements: a start tag is reported as soon as it is read, so the
-// deepest start tag that a handler sees stands one below the limit's open elements (an empty
-// element there, or the start tag whose '>' makes the input too deep, before the parse fails).
+// The nesting limit holds for every start tag reported: an element that would stand deeper ends
+// the parse before its start tag is read.
 #include "Infrastructure/QelCore/XMLParser.h"
 
 #include <cstddef>
@@ -38,7 +37,7 @@ public:
     }
     void StartTag(const String& name)
     {
-        if (++m_nDepth > Qel::Core::XMLParserNestingLimit + 1) __builtin_trap();
+        if (++m_nDepth > Qel::Core::XMLParserNestingLimit) __builtin_trap();
         m_Events.push_back("S" + name);
     }
     void Attribute(const String& name, const Qel::Core::XMLAttributeValue<String>& value)

@@ -381,6 +381,15 @@ TEST(XMLParserLimits, NestingUpToTheLimitPassesDeeperFails)
     EXPECT_TRUE(ParseText(Nested(XMLParserNestingLimit)).ok);
     EXPECT_FALSE(ParseText(Nested(XMLParserNestingLimit + 1)).ok);
     EXPECT_FALSE(ParseAsStream(Nested(XMLParserNestingLimit + 1)).ok);
+    // An element one level too deep fails before its start tag is reported, empty or not.
+    std::string open;
+    for (std::size_t i = 0; i < XMLParserNestingLimit; ++i) open += "<a>";
+    for (const char* deepest : {"<b/>", "<b x=\"1\">"}) {
+        Outcome out = ParseText(open + deepest);
+        EXPECT_FALSE(out.ok);
+        EXPECT_EQ(out.events.size(), XMLParserNestingLimit);
+        EXPECT_EQ(out.events.back(), "S a");
+    }
     // Nested groups in an element declaration have a limit of their own. Each group is read once,
     // not once for each of the choice and sequence forms (which would take 2^64 steps here).
     EXPECT_TRUE(ParseText(Groups(XMLParserGroupNestingLimit)).ok);

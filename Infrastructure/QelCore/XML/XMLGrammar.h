@@ -290,7 +290,11 @@ struct ElementParser : spirit::parser<ElementParser<RuleT>>
         std::ptrdiff_t length = 0;
         std::size_t open = 0;
         for (;;) {
-            // At the start of an element.
+            // At the start of an element, which stands at depth open + 1.
+            if (open >= XMLParserNestingLimit) {
+                *exceeded = true;
+                return scan.no_match();
+            }
             auto tag = startTag->parse(scan);
             if (!tag) return scan.no_match();
             length += tag.length();
@@ -300,10 +304,7 @@ struct ElementParser : spirit::parser<ElementParser<RuleT>>
             } else if (!scan.at_end() && *scan == '>') {
                 ++scan.first;
                 ++length;
-                if (++open > XMLParserNestingLimit) {
-                    *exceeded = true;
-                    return scan.no_match();
-                }
+                ++open;
             } else {
                 return scan.no_match();
             }
