@@ -7,6 +7,8 @@
 // multi-line text and style sheets. Each tree is written once per style.
 #include <Infrastructure/QelCore/QelCore.h>
 
+#include "XMLExample.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -163,16 +165,7 @@ bool WriteFile(const std::string& path, const std::string& text)
 std::string ExampleDocument(XMLWriter& writer)
 {
     std::ostringstream out;
-    XMLAttributeMap<std::string> attribute;
-    attribute["name"] = "value";
-    XMLAttributeMap<std::string> attributes;
-    attributes["name1"] = "value1";
-    attributes["name2"] = "value2";
-    out << writer.StartXMLDoc() << writer.StartTag("Test") << writer.Comment("A comment", false)
-        << writer.Tag("AnEmptyTag") << writer.Tag("EmptyTagWithAttribute", attribute, "")
-        << writer.StartTag("TagWithAttributes", attributes) << writer.Text("1 < 2")
-        << writer.CDATASection("<CDATA Test>Entity usage: &amp;</CDATA Test>", false) << writer.EndTag()
-        << writer.Text("content") << writer.EndAllTags() << writer.EndXMLDoc();
+    QelTest::WriteExample(writer, out);
     return out.str();
 }
 

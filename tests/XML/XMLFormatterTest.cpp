@@ -3,6 +3,8 @@
 // streams in chunks, a flushed line end at every line).
 #include <Infrastructure/QelCore/QelCore.h>
 
+#include "XMLExample.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,21 +14,7 @@ using namespace Qel::Core;
 
 namespace {
 
-// The document of the writer's example, written through `writer`; `tagName` is the name of the
-// element that holds text and CDATA.
-void WriteExample(XMLWriter& writer, std::ostream& out, const std::string& tagName = "TagWithAttributes")
-{
-    XMLAttributeMap<std::string> attribute;
-    attribute["name"] = "value";
-    XMLAttributeMap<std::string> attributes;
-    attributes["name1"] = "value1";
-    attributes["name2"] = "value2";
-    out << writer.StartXMLDoc() << writer.StartTag("Test") << writer.Comment("A comment", false)
-        << writer.Tag("AnEmptyTag") << writer.Tag("EmptyTagWithAttribute", attribute, "")
-        << writer.StartTag(tagName, attributes) << writer.Text("1 < 2")
-        << writer.CDATASection("<CDATA Test>Entity usage: &amp;</CDATA Test>", false) << writer.EndTag()
-        << writer.Text("content") << writer.EndAllTags() << writer.EndXMLDoc();
-}
+using QelTest::WriteExample;
 
 const std::string s_sPrettyGolden = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                                     "<Test>\n"

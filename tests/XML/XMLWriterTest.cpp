@@ -4,6 +4,8 @@
 #include <Infrastructure/QelCore/QelCore.h>
 #include <Infrastructure/QelCore/XMLTranscodeFilter.h>
 
+#include "XMLExample.h"
+
 #include <boost/iostreams/filtering_stream.hpp>
 #include <gtest/gtest.h>
 
@@ -40,16 +42,7 @@ const char* const s_sCompactGolden =
 
 TEST_F(CompactWriter, ExampleDocumentIsOneLineWithoutLineEnd)
 {
-    XMLAttributeMap<std::string> attribute;
-    attribute["name"] = "value";
-    XMLAttributeMap<std::string> attributes;
-    attributes["name1"] = "value1";
-    attributes["name2"] = "value2";
-    out << writer.StartXMLDoc() << writer.StartTag("Test") << writer.Comment("A comment", false)
-        << writer.Tag("AnEmptyTag") << writer.Tag("EmptyTagWithAttribute", attribute, "")
-        << writer.StartTag("TagWithAttributes", attributes) << writer.Text("1 < 2")
-        << writer.CDATASection("<CDATA Test>Entity usage: &amp;</CDATA Test>", false) << writer.EndTag()
-        << writer.Text("content") << writer.EndAllTags() << writer.EndXMLDoc();
+    QelTest::WriteExample(writer, out);
     EXPECT_EQ(out.str(), s_sCompactGolden);
 }
 
