@@ -64,10 +64,12 @@ namespace fs = std::filesystem;
 namespace {
 
 // System never looks inside a locale: distinct non-null pointers stand for distinct locales.
+// Real locales, a different one at each call.
 std::shared_ptr<Locale> FakeLocale()
 {
-    auto owner = std::make_shared<int>(0);
-    return std::shared_ptr<Locale>(owner, reinterpret_cast<Locale*>(owner.get()));
+    static const char* const s_Names[] = {"de-DE", "fr-FR", "it-IT", "es-ES", "nl-NL", "sv-SE"};
+    static std::atomic<unsigned> s_Next{0};
+    return Locale::Acquire(LocaleName(s_Names[s_Next++ % 6]));
 }
 
 std::uint32_t KernelThreadId()
@@ -104,9 +106,10 @@ bool Contains(const std::vector<std::string>& texts, const std::string& part)
 TEST(SystemIdentity, SystemIsTheFirstManagedGlobal)
 {
     std::list<std::string> keys = Globals::Instance().Keys();
-    ASSERT_GE(keys.size(), 3u);
+    ASSERT_GE(keys.size(), 4u);
     auto key = keys.begin();
     EXPECT_EQ(key->rfind("System", 0), 0u) << *key;
+    EXPECT_EQ((++key)->rfind("LocaleManager", 0), 0u) << *key;
     EXPECT_EQ((++key)->rfind("CurrentErrors", 0), 0u) << *key;
     EXPECT_EQ((++key)->rfind("AlertManager", 0), 0u) << *key;
     EXPECT_EQ(Globals::Instance().m_pSystem, System::Instance());
@@ -381,7 +384,7 @@ TEST(SystemLocale, ChangesAreHeardOnceAndTheCurrentLocaleSendsNothing)
     auto second = FakeLocale();
     auto before = System::GetLocale();
 
-    EXPECT_EQ(System::SetLocale(nullptr), before == nullptr); // nothing changes
+    EXPECT_EQ(System::SetLocale(std::shared_ptr<Locale>()), before == nullptr); // nothing changes
     EXPECT_TRUE(recorder.changes.empty());
 
     EXPECT_TRUE(System::SetLocale(first));

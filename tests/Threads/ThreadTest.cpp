@@ -328,6 +328,10 @@ TEST(Thread, ANullTaskEndsInTheErrorState)
     EXPECT_TRUE(thread->Start(nullptr, Elapse(5, Elapse::Seconds)));
     ASSERT_TRUE(thread->WaitFor(nullptr));
     EXPECT_TRUE(thread->IsState(Thread::eTHREAD_ERROR));
+    // The state is set before the error is raised on the thread: wait until the thread has let
+    // go of its object, so that the raise does not run on into the process's exit.
+    for (int i = 0; i < 5000 && thread.use_count() > 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(thread.use_count(), 1);
     ASSERT_NE(thread->GetLastError(), nullptr);
     EXPECT_EQ(thread->GetLastError()->GetMessageA(), "Attempted to run thread Empty with a NULL Task pointer");
     bool asserted = false;

@@ -5,6 +5,8 @@
 // Zones are POSIX TZ strings, so that no zone database is needed. The names and pictures are
 // checked in American English (set for this program before ICU is first used) and, in a child
 // process, in German.
+#include "Infrastructure/QelCore/LocaleName.h"
+#include "Infrastructure/QelCore/System.h"
 #include "Infrastructure/QelCore/Time.h"
 #include "Infrastructure/QelCore/Platform/TimePlatform.h"
 
@@ -488,14 +490,14 @@ TEST(TimeNames, ManyThreadsShareTheLocaleTexts)
     EXPECT_EQ(failures.load(), 0);
 }
 
-// The locale decides the names: checked in a fresh process, whose ICU has not chosen its default
-// locale yet.
+// The library's current locale decides the names; checked in a fresh process, so that no other
+// test's locale is in the way.
 TEST(TimeNames, FollowTheLocale)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            ::setenv("LC_ALL", "de_DE.UTF-8", 1);
+            Qel::Core::System::SetLocale(Qel::Core::LocaleName("de-DE"));
             const Time sunday(8, 23, 1998, Elapse(12, Elapse::Hours));
             const Time thursday(12, 23, 2004, Elapse(12, Elapse::Hours));
             const std::string sDay = sunday.DayName();

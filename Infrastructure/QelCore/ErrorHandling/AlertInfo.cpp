@@ -3,6 +3,7 @@
 
 #include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/Locale.h"
 #include "Infrastructure/QelCore/Time.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
@@ -178,11 +179,11 @@ void AlertInfo::GetDisplayFormat(const std::string& typeName, const std::string&
     // The locale's own wording of the class, if it has one; otherwise the default wording is
     // collected in the root locale's tables so that it can be written out for translators.
     std::string localized;
-    if (StandIns::LookupLocaleString(typeName, sDISPLAY_FORMAT, localized)) {
+    if (Detail::LookupLocaleString(typeName, sDISPLAY_FORMAT, localized)) {
         format = localized;
         return;
     }
-    StandIns::AddRootLocaleString(typeName, sDISPLAY_FORMAT, defaultFormat);
+    Detail::AddRootLocaleString(typeName, sDISPLAY_FORMAT, defaultFormat);
     format = defaultFormat;
 }
 

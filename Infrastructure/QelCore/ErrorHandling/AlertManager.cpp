@@ -1,6 +1,7 @@
 // The broker of alerts: filtered broadcast, records per class, in-place handlers, each thread's
 // last error, and the cache of alert wordings.
 #include "Infrastructure/QelCore/AlertManager.h"
+#include "Infrastructure/QelCore/Locale.h"
 
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
@@ -343,8 +344,8 @@ std::string AlertManager::CachedDisplayFormat(const std::string& typeName, const
     if (found != m_DisplayFormats.end()) return found->second;
     std::string format = defaultFormat;
     std::string localized;
-    if (StandIns::LookupLocaleString(AlertInfo::sALERT_MESSAGE_FORMATS, typeName, localized)) format = localized;
-    else StandIns::AddRootLocaleString(AlertInfo::sALERT_MESSAGE_FORMATS, typeName, defaultFormat);
+    if (Detail::LookupLocaleString(AlertInfo::sALERT_MESSAGE_FORMATS, typeName, localized)) format = localized;
+    else Detail::AddRootLocaleString(AlertInfo::sALERT_MESSAGE_FORMATS, typeName, defaultFormat);
     WriterLock write(m_DisplayFormatsLock);
     m_DisplayFormats[typeName] = format;
     return format;

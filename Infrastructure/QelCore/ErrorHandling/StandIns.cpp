@@ -19,13 +19,6 @@ std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned)
 void ReleaseDebugHelp() {}
 
 
-bool LookupLocaleString(const std::string&, const std::string&, std::string&)
-{
-    return false;
-}
-
-void AddRootLocaleString(const std::string&, const std::string&, const std::string&) {}
-
 void LogError(Error&) {}
 
 void WriteLog(const std::string& logger, int, const std::string& text)

@@ -24,11 +24,6 @@ void ReleaseDebugHelp();
 
 // ---- locale ----
 
-// Looks a string up in the current locale: none until locales exist.
-bool LookupLocaleString(const std::string& table, const std::string& key, std::string& value);
-// Adds a default string to the root locale's table, if the root has such a table.
-void AddRootLocaleString(const std::string& table, const std::string& key, const std::string& value);
-
 // ---- log ----
 
 // Writes an error to the log: nothing until the log exists.

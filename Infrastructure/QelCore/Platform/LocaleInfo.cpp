@@ -1,6 +1,7 @@
 // Locale data from ICU: validity, names, codes, parents, identifiers and the list of locales.
 #include "Infrastructure/QelCore/Platform/LocaleInfo.h"
 
+#include <dlfcn.h>
 #include <unicode/uloc.h>
 #include <unicode/ustring.h>
 
@@ -64,10 +65,20 @@ struct Available
     }
 };
 
+// ICU keeps process-wide caches that belong to the process, not to this library: its library
+// stays loaded when this one is unloaded, so that a host that loads and unloads the library does
+// not leave those caches behind, unreachable, nor pull ICU away from other users in the process.
+void PinIcu()
+{
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&uloc_countAvailable), &info) && info.dli_fname)
+        (void)dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 const Available& AvailableLocales()
 {
-    static const Available* s_Available = new Available(); // kept to the end: read during unload
-    return *s_Available;
+    static const Available s_Available = (PinIcu(), Available());
+    return s_Available;
 }
 
 std::string FromUtf16(const UChar* text, int32_t length)

@@ -3,6 +3,7 @@
 
 #include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/Locale.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
@@ -145,6 +146,8 @@ Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTab
     // The process-wide services register here, in this order, as they come into the library:
     // System, LocaleManager (then its Init), AlertManager (which adds CurrentErrors), LogManager.
     m_pSystem = Add<System>("System");
+    m_pLocaleManager = Add<LocaleManager>("LocaleManager");
+    m_pLocaleManager->Init();
     Add<AlertManager>("AlertManager");
 }
 

@@ -4,13 +4,14 @@
 // order in which they stand here, by the compiler's initialisation priorities:
 //   1. the key strings of alerts, code positions and error categories;
 //   2. the registry of singletons;
-//   3. the leak-detection constants;
+//   3. the leak-detection constants and the root locale's name;
 //   4. Globals, which builds the managed process-wide services.
 // The key strings are never destroyed: alerts raised from exit handlers that run after the
 // library's static objects are gone still find them.
 #include "Infrastructure/QelCore/System/Frame.h"
 
 #include "Infrastructure/QelCore/Error.h"
+#include "Infrastructure/QelCore/LocaleName.h"
 
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
@@ -123,6 +124,9 @@ namespace Memory {
 const MemoryLeakDetectOnOff DisableLeak QEL_LOAD_ORDER(103){1};
 const MemoryLeakDetectOnOff EnableLeak QEL_LOAD_ORDER(103){0};
 } // namespace Memory
+
+// The root locale's name, made of its parts so that no locale data is asked for at this point.
+const LocaleName LocaleName::USA QEL_LOAD_ORDER(104){"en", "US"};
 
 namespace {
 Globals s_Globals QEL_LOAD_ORDER(110);

@@ -1,6 +1,8 @@
 // The process-wide facade: identity, data paths, thread names, locale, events, dispatch and pump.
 #include "Infrastructure/QelCore/System.h"
 
+#include "Infrastructure/QelCore/Locale.h"
+
 #include "Infrastructure/QelCore/Elapse.h"
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Globals.h"
@@ -470,6 +472,13 @@ void System::AddShutdownListener(ShutdownListener& listener)
 void System::RemoveShutdownListener(ShutdownListener& listener)
 {
     if (System* system = Instance()) system->m_ShutdownListeners.RemoveListener(listener);
+}
+
+bool System::SetLocale(const LocaleName& localeName)
+{
+    std::shared_ptr<Locale> spLocale = Locale::Acquire(localeName);
+    if (!spLocale) QEL_RAISE_ERROR(InvalidLocale(localeName.ToString()), "Qel.System.SetLocale");
+    return SetLocale(spLocale);
 }
 
 void System::AddLocaleListener(SystemLocaleListener& listener)

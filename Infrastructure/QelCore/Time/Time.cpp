@@ -7,6 +7,9 @@
 // so that ICU's own copy of the zone rules cannot disagree with the system's.
 #include "Infrastructure/QelCore/Time.h"
 
+#include "Infrastructure/QelCore/Locale.h"
+#include "Infrastructure/QelCore/System.h"
+
 #include "Infrastructure/QelCore/Time/TextFields.h"
 
 #include "Infrastructure/QelCore/Platform/TimePlatform.h"
@@ -286,10 +289,21 @@ private:
         std::unique_ptr<icu::DateFormat> format;
     };
 
-    // Loads the names of the default locale if it is not the one loaded.
+    // The library's current locale (System::GetLocale), or ICU's default before there is one.
+    static icu::Locale CurrentLocale()
+    {
+        if (std::shared_ptr<Locale> locale = System::GetLocale()) {
+            UErrorCode status = U_ZERO_ERROR;
+            icu::Locale named = icu::Locale::forLanguageTag(locale->GetName().ToString(), status);
+            if (U_SUCCESS(status) && !named.isBogus()) return named;
+        }
+        return icu::Locale::getDefault();
+    }
+
+    // Loads the names of the current locale if it is not the one loaded.
     void Refresh()
     {
-        const icu::Locale& current = icu::Locale::getDefault();
+        const icu::Locale current = CurrentLocale();
         if (m_bLoaded && m_sLocale == current.getName()) return;
         m_bLoaded = true;
         m_sLocale = current.getName();

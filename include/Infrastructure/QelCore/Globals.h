@@ -143,6 +143,7 @@ public:
     static Globals& Instance();
 
     System* m_pSystem = nullptr;           // what System::Instance() gives while it lives
+    LocaleManager* m_pLocaleManager = nullptr; // the locale manager, once made
     const std::string m_sDefaultLocale;    // "en-US"
     const std::string m_sStringTableFile;  // "QelStringTables.xml"
 };

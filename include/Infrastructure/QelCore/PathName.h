@@ -140,12 +140,12 @@ public:
 
     // ---- questions to the file system (block on it, never raise) ----
 
-    // False for the empty text. With one trailing separator removed: a path with a leaf exists
-    // when it names a regular file, one without a leaf (`dir/`, `dir/.`) when it names a
-    // directory. So a directory written without its trailing separator does not exist here.
     // The path as the file system takes it (slashes as separators, no trailing separator), for
     // opening the file it names.
     std::string ToFileSystemPath() const { return FileSystemText(true); }
+    // False for the empty text. With one trailing separator removed: a path with a leaf exists
+    // when it names a regular file, one without a leaf (`dir/`, `dir/.`) when it names a
+    // directory. So a directory written without its trailing separator does not exist here.
     bool Exists() const;
     // With one trailing separator removed, true when the path names a directory; false for the
     // empty text.

@@ -13,6 +13,8 @@
 #include "Infrastructure/QelCore/Elapse.h"
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/Locale.h"
+#include "Infrastructure/QelCore/LocaleName.h"
 #include "Infrastructure/QelCore/MemoryBlock.h"
 #include "Infrastructure/QelCore/Mutex.h"
 #include "Infrastructure/QelCore/Notification.h"

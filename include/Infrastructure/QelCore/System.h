@@ -39,6 +39,7 @@
 namespace Qel::Core {
 
 class Locale;
+class LocaleName;
 class System;
 class Thread;
 QEL_CORE_API void Shutdown();
@@ -180,6 +181,9 @@ public:
     // An empty pointer or the current locale changes nothing and tells nobody. The result tells
     // whether the given locale is current afterwards.
     static bool SetLocale(std::shared_ptr<Locale> spLocale);
+    // The locale of that name (Locale::Acquire); raises InvalidLocale under the logger
+    // "Qel.System.SetLocale" if there is none, otherwise as above.
+    static bool SetLocale(const LocaleName& localeName);
 
     // ---- events ----
 
