@@ -94,7 +94,11 @@ int main(int argc, char** argv)
         std::printf("%s\n", TypeName(typeid(HostLocale::SampleFileMissing)).c_str());
         return 0;
     }
-    if (argc == 2 && std::strcmp(argv[1], "run") == 0) return Run();
+    if (argc == 2 && std::strcmp(argv[1], "run") == 0) {
+        const int rc = Run();
+        ShutdownQelCore();
+        return rc;
+    }
     std::fprintf(stderr, "usage: host_locale typename|run\n");
     return 2;
 }
