@@ -5,7 +5,7 @@
 // The strings of all inputs pile up in the process's locales (a key keeps its first text), so a
 // look-up here checks only that it answers, not what. A re-read adds no key to a table whose keys
 // are all plain text (UTF-8 without control characters): the writer gives such a key back as it
-// was. Bytes that are not UTF-8 are written as the characters of Windows-1252, so that the file
+// was. Bytes that are not UTF-8 are written as their Latin-1 characters, so that the file
 // stays well-formed, and a key with them comes back as another key.
 #include "Infrastructure/QelCore/Locale.h"
 
