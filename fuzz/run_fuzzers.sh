@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every fuzz target over its seed corpus for the given number of seconds each (default 20).
 # New inputs go to a scratch folder; the seed corpus in fuzz/corpus is only read.
-# Targets: fuzz_ini (corpus/ini), fuzz_pathname (corpus/pathname), fuzz_xmlparser (corpus/xmlparser).
+# Targets: fuzz_ini (corpus/ini), fuzz_pathname (corpus/pathname), fuzz_xmlparser (corpus/xmlparser),
+# fuzz_stringtables (corpus/stringtables).
 #   fuzz/run_fuzzers.sh [SECONDS] [BUILD_DIR]
 set -euo pipefail
 seconds=${1:-20}

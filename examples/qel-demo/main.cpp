@@ -290,6 +290,34 @@ void ShowThreads()
               << " lines and ended " << (printer->HasCompleted() ? "completed" : "in error") << "\n";
 }
 
+std::string CurrentLocaleName()
+{
+    std::shared_ptr<Locale> locale = System::GetLocale();
+    return locale ? locale->GetName().ToString() : std::string("(none)");
+}
+
+// An alert's wording in the current locale: Message keeps the English default, DisplayMessage
+// takes the locale's own wording from "de-DE/QelStringTables.xml" beside the program, in the
+// table named by the class's type name, key "DisplayFormat".
+void ShowLocales()
+{
+    Heading("Locales");
+    std::cout << "current locale: " << CurrentLocaleName() << "\n";
+    std::cout << "string table of SampleNotReady: \"" << TypeName(typeid(SampleNotReady)) << "\"\n";
+    const bool bGerman = System::SetLocale(LocaleName("de-DE"));
+    std::cout << "switched to de-DE: " << std::boolalpha << bGerman << ", current locale: " << CurrentLocaleName()
+              << " (" << LocaleName("de-DE").GetLanguageInEnglish() << ", "
+              << LocaleName("de-DE").GetNativeRegion() << ")\n";
+    try {
+        QEL_RAISE_ERROR(SampleNotReady("S-20", 45), "Qel.Demo.Acquire");
+    } catch (const SampleNotReady& error) {
+        std::cout << "Message:        " << error.GetMessageA() << "\n";
+        std::cout << "DisplayMessage: " << error.GetDisplayMessage() << "\n";
+    }
+    System::SetLocale(LocaleName::USA);
+    std::cout << "back to " << CurrentLocaleName() << "\n";
+}
+
 } // namespace
 
 int main()
@@ -299,6 +327,7 @@ int main()
     ShowSystem();
     ShowErrors();
     ShowAlertManager();
+    ShowLocales();
     ShowStrings();
     ShowCallbacks();
     ShowTimeAndLocks();
