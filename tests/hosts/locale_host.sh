@@ -19,18 +19,8 @@ export LD_LIBRARY_PATH="$bin"
 # The user's locale must not decide the start: the process starts in the root locale en-US.
 export LANG=C LC_ALL=C
 unset LC_MESSAGES LANGUAGE
-failures=0
+. "$(dirname "$0")/host_checks.sh"
 
-value() { # value KEY OUTPUT
-  printf '%s\n' "$2" | sed -n "s/^$1=//p"
-}
-expect() { # expect WHAT GOT WANTED
-  if [ "$2" != "$3" ]; then
-    echo "FAIL $1: got \"$2\", expected \"$3\""; failures=$((failures + 1))
-  else
-    echo "ok   $1"
-  fi
-}
 run() { # run: the host's output; its exit status in $rc, its standard error in $work/stderr
   out=$(cd "$work" && QEL_DEBUG_OUTPUT=stderr "$bin/host_locale" run 2>"$work/stderr")
   rc=$?

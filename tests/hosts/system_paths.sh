@@ -16,21 +16,11 @@ cp "$host" "$bin/Acquire"
 cp -P "$(dirname "$library")"/libQelCore.so* "$bin/"
 chmod -R a+rX "$bin"
 export LD_LIBRARY_PATH="$bin"
-failures=0
+. "$(dirname "$0")/host_checks.sh"
 
 run() { # run [ENV=VALUE]... MODE: the host's output
   env QEL_COMMON_DATA_DIR="$work/common" XDG_DATA_HOME="$work/xdg" HOME="$work/home" \
       QEL_DEBUG_OUTPUT=stderr "$@" 2>"$work/stderr"
-}
-value() { # value KEY OUTPUT
-  printf '%s\n' "$2" | sed -n "s/^$1=//p"
-}
-expect() { # expect WHAT GOT WANTED
-  if [ "$2" != "$3" ]; then
-    echo "FAIL $1: got \"$2\", expected \"$3\""; failures=$((failures + 1))
-  else
-    echo "ok   $1"
-  fi
 }
 settings() { printf "$1" >"$bin/SystemInfo.ini"; }
 
