@@ -19,6 +19,7 @@
 #include "Infrastructure/QelCore/Mutex.h"
 #include "Infrastructure/QelCore/Notification.h"
 #include "Infrastructure/QelCore/PathName.h"
+#include "Infrastructure/QelCore/ProcessMutex.h"
 #include "Infrastructure/QelCore/ObjectPool.h"
 #include "Infrastructure/QelCore/Queue.h"
 #include "Infrastructure/QelCore/ReadersWriterMutex.h"
