@@ -32,6 +32,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -89,6 +90,34 @@ private:
     std::shared_ptr<Locale> m_spNew;
     std::shared_ptr<Locale> m_spOld;
 };
+
+namespace Detail {
+// A shared pointer that threads read and replace at once, guarded by a plain mutex (the thread
+// sanitizer cannot see through the lock bit inside std::atomic<std::shared_ptr>). The pointer that
+// a store replaces is let go outside the lock.
+template <typename T>
+class SharedPointerCell
+{
+public:
+    std::shared_ptr<T> load() const
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        return m_Pointer;
+    }
+    void store(std::shared_ptr<T> pointer)
+    {
+        {
+            std::lock_guard<std::mutex> guard(m_Mutex);
+            m_Pointer.swap(pointer);
+        }
+        pointer.reset();
+    }
+
+private:
+    mutable std::mutex m_Mutex;
+    std::shared_ptr<T> m_Pointer;
+};
+} // namespace Detail
 
 class QEL_CORE_API System
 {
@@ -242,7 +271,7 @@ private:
     ReadersWriterMutex m_Lock;
     NotificationSupport m_AbortListeners;
     NotificationSupport m_ShutdownListeners;
-    std::atomic<std::shared_ptr<Locale>> m_spLocale;
+    Detail::SharedPointerCell<Locale> m_spLocale;
     NotificationSupport m_LocaleListeners;
     struct DispatchState;
     std::unique_ptr<DispatchState> m_pDispatch;
