@@ -64,12 +64,16 @@ namespace fs = std::filesystem;
 namespace {
 
 // System never looks inside a locale: distinct non-null pointers stand for distinct locales.
-// Real locales, a different one at each call.
+// Real locales, a different one at each call, never the one that is current.
 std::shared_ptr<Locale> FakeLocale()
 {
-    static const char* const s_Names[] = {"de-DE", "fr-FR", "it-IT", "es-ES", "nl-NL", "sv-SE"};
+    static const char* const s_Names[] = {"de-DE", "fr-FR", "it-IT", "es-ES", "nl-NL", "sv-SE", "da-DK"};
     static std::atomic<unsigned> s_Next{0};
-    return Locale::Acquire(LocaleName(s_Names[s_Next++ % 6]));
+    std::shared_ptr<Locale> locale;
+    do {
+        locale = Locale::Acquire(LocaleName(s_Names[s_Next++ % 7]));
+    } while (locale == System::GetLocale());
+    return locale;
 }
 
 std::uint32_t KernelThreadId()

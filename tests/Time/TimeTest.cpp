@@ -32,8 +32,14 @@ namespace Platform = Qel::Core::Platform;
 
 namespace {
 
-// ICU takes its default locale from the environment when it is first used.
-const bool g_bEnglish = ::setenv("LC_ALL", "en_US.UTF-8", 1) == 0;
+// Names follow the library's current locale, which the user's environment chose when the library
+// started: the tests expect English ones.
+class EnglishNames : public ::testing::Environment
+{
+public:
+    void SetUp() override { Qel::Core::System::SetLocale(Qel::Core::LocaleName::USA); }
+};
+::testing::Environment* const g_pEnglish = ::testing::AddGlobalTestEnvironment(new EnglishNames);
 
 const char* const sUTC = "UTC0";
 const char* const sBERLIN = "CET-1CEST,M3.5.0,M10.5.0/3";
@@ -422,7 +428,7 @@ TEST(TimeText, SubMillisecondFields)
 
 TEST(TimeNames, EveryDayOfTheWeekIncludingSunday)
 {
-    ASSERT_TRUE(g_bEnglish);
+    ASSERT_NE(g_pEnglish, nullptr);
     // 1998-08-23 was a Sunday; noon keeps the date the same in every zone.
     const Time sunday(8, 23, 1998, Elapse(12, Elapse::Hours));
     const char* const aNames[7] = {"Sunday", "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday"};
