@@ -315,53 +315,46 @@ std::uint64_t WriteChunks(std::ostream& os, Stream& text, const std::string& ste
     return lines;
 }
 
+// A CDATA section from a stream, set apart by empty lines: its lines as they stand, or its
+// characters without white space in chunks of 78 minus the step. Gives the lines written.
+template <typename Stream, typename IsSpace, typename Narrow>
+std::uint64_t WriteCDATAStream(std::ostream& os, Stream& text, bool preserveFormat, const std::string& step,
+                               IsSpace isSpace, Narrow narrow)
+{
+    std::uint64_t lines = 2;
+    os << std::endl << std::endl << s_sCDATAOpening;
+    if (preserveFormat) {
+        std::basic_string<typename Stream::char_type> line;
+        while (std::getline(text, line)) {
+            os << narrow(line) << std::endl;
+            ++lines;
+        }
+    } else {
+        os << std::endl;
+        ++lines;
+        lines += WriteChunks(os, text, step, 78 - step.size(), isSpace, narrow);
+    }
+    os << s_sCDATAClosing << std::endl << std::endl;
+    return lines + 2;
+}
+
 } // namespace
 
 void PrettyPrintFormatter::FormatCDATAStream(std::ostream& os, std::istream& text, bool preserveFormat)
 {
-    os << std::endl << std::endl << s_sCDATAOpening;
-    m_iLine += 2;
-    const std::string step = GetIndentStep();
-    if (preserveFormat) {
-        std::string line;
-        while (std::getline(text, line)) {
-            os << line << std::endl;
-            ++m_iLine;
-        }
-    } else {
-        os << std::endl;
-        ++m_iLine;
-        m_iLine += WriteChunks(
-            os, text, step, 78 - step.size(),
-            [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; },
-            [](const std::string& chunk) -> const std::string& { return chunk; });
-    }
-    os << s_sCDATAClosing << std::endl << std::endl;
-    m_iLine += 2;
+    m_iLine += WriteCDATAStream(
+        os, text, preserveFormat, GetIndentStep(),
+        [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; },
+        [](const std::string& chunk) -> const std::string& { return chunk; });
     m_iColumn = 0;
 }
 
 void PrettyPrintFormatter::FormatWideCDATAStream(std::ostream& os, std::wistream& text, bool preserveFormat)
 {
-    os << std::endl << std::endl << s_sCDATAOpening;
-    m_iLine += 2;
-    const std::string step = GetIndentStep();
-    if (preserveFormat) {
-        std::wstring line;
-        while (std::getline(text, line)) {
-            os << XMLNarrow(line) << std::endl;
-            ++m_iLine;
-        }
-    } else {
-        os << std::endl;
-        ++m_iLine;
-        m_iLine += WriteChunks(
-            os, text, step, 78 - step.size(),
-            [](wchar_t c) { return std::iswspace(static_cast<std::wint_t>(c)) != 0; },
-            [](const std::wstring& chunk) { return XMLNarrow(chunk); });
-    }
-    os << s_sCDATAClosing << std::endl << std::endl;
-    m_iLine += 2;
+    m_iLine += WriteCDATAStream(
+        os, text, preserveFormat, GetIndentStep(),
+        [](wchar_t c) { return std::iswspace(static_cast<std::wint_t>(c)) != 0; },
+        [](const std::wstring& chunk) { return XMLNarrow(chunk); });
     m_iColumn = 0;
 }
 
