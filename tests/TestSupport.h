@@ -38,6 +38,37 @@ private:
     Qel::Core::Platform::DebugOutputHook m_Previous;
 };
 
+// Takes every log entry that reaches the log service while it lives (registered as a handler of
+// the process's log manager, so the default log file sees none of them).
+class LogCapture : public IQelLogHandler
+{
+public:
+    LogCapture() { Qel::Core::LogManager::Instance()->RegisterHandler(this); }
+    ~LogCapture() override { Qel::Core::LogManager::Instance()->UnregisterHandler(this); }
+    void OnLogTreeChange() override {}
+    void WriteLog(const QelLogEntry& entry) override
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        m_Entries.push_back(entry);
+    }
+    std::vector<QelLogEntry> Entries()
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        return m_Entries;
+    }
+    // Whether an entry's message holds the text.
+    bool Holds(const std::string& text)
+    {
+        for (const QelLogEntry& entry : Entries())
+            if (entry.m_Message.find(text) != std::string::npos) return true;
+        return false;
+    }
+
+private:
+    std::mutex m_Mutex;
+    std::vector<QelLogEntry> m_Entries;
+};
+
 // Records every alert the alert manager broadcasts while it lives, and can take raised errors in
 // place (a handler on the base class of all errors).
 class AlertRecorder : public Qel::Core::AlertListener

@@ -272,7 +272,7 @@ QEL_DEFINE_ERROR(TaskFailed, LogicError, eERROR, "Task failed on sample %1%", in
 
 TEST(Thread, AnErrorOutOfATaskEndsTheThreadInTheErrorState)
 {
-    QelTest::DebugCapture debug;
+    QelTest::LogCapture log;
     auto thread = Thread::Create("Failing");
     Recorder recorder;
     thread->AddListener(recorder);
@@ -293,11 +293,7 @@ TEST(Thread, AnErrorOutOfATaskEndsTheThreadInTheErrorState)
     EXPECT_NE(dynamic_cast<TaskFailed*>(thread->GetLastError().get()), nullptr);
     EXPECT_EQ(thread->GetResult(), -1);
     // The log line follows the change of state.
-    EXPECT_TRUE(Eventually([&] {
-        for (const std::string& text : debug.Texts())
-            if (text.find("Thread Failing terminated due to error:\nTask failed on sample 17") != std::string::npos) return true;
-        return false;
-    }));
+    EXPECT_TRUE(Eventually([&] { return log.Holds("Thread Failing terminated due to error:\nTask failed on sample 17"); }));
 
     // The next run starts with no error.
     ASSERT_TRUE(thread->Start(MakeTask([](TaskDirective&) { return 0; }), Elapse(5, Elapse::Seconds)));

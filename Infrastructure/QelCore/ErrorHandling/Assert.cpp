@@ -1,7 +1,8 @@
-// Failed assertions: one line to the debug output, and execution goes on.
+// Failed assertions: one line to the debug output (and, for LogAssertFailed, an entry in the
+// log), and execution goes on.
 #include "Infrastructure/QelCore/Error.h"
 
-#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/Logging/LogInternal.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
@@ -36,7 +37,7 @@ bool LogAssertFailed(const std::string& expression, const CodeContext& context)
 {
     try {
         AssertionFailure failure = ReportAssertion(expression, context);
-        if (!IsUnloading()) StandIns::LogError(failure);
+        Detail::LogAlert(failure);
     } catch (...) {
     }
     return false;

@@ -18,14 +18,6 @@ std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned)
 
 void ReleaseDebugHelp() {}
 
-
-void LogError(Error&) {}
-
-void WriteLog(const std::string& logger, int, const std::string& text)
-{
-    Platform::DebugOutput(logger + ": " + text + "\n");
-}
-
 void FaultAdapterInitialize()
 {
     ++s_iFaultAdapterUsers;

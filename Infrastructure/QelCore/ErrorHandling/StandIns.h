@@ -1,5 +1,5 @@
 // Stand-ins for the services that the error core calls but that come later in the library:
-// call stacks, the log, the locale's wording of alerts and the fault adapter.
+// call stacks and the fault adapter.
 //
 // Each stand-in sits behind the call the real service will answer, is safe to call at any time
 // (load, unload, any thread) and does the least that keeps raising complete: with none of the real
@@ -21,16 +21,6 @@ namespace Qel::Core::StandIns {
 std::shared_ptr<AlertInfo::ContextStack> CaptureCallStack(unsigned maxFrames);
 // Lets go of the library's hold on the symbol engine.
 void ReleaseDebugHelp();
-
-// ---- locale ----
-
-// ---- log ----
-
-// Writes an error to the log: nothing until the log exists.
-void LogError(Error& error);
-// Writes a line to the log under a logger at a severity (1 alarm .. 6 verbose): to the debug
-// output until the log exists.
-void WriteLog(const std::string& logger, int severity, const std::string& text);
 
 // ---- fault adapter and system events ----
 

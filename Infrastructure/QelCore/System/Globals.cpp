@@ -4,6 +4,7 @@
 #include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Locale.h"
+#include "Infrastructure/QelCore/LogManager.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
@@ -69,6 +70,15 @@ void Shutdown()
         Frame::DestroyAllSingletons();
     } catch (...) {
         // A failing singleton does not stop the shutdown.
+    }
+    // The log manager goes here, not at unload; nothing reaches it afterwards.
+    if (LogManager* manager = LogManager::Instance()) {
+        try {
+            manager->Shutdown();
+        } catch (...) {
+        }
+        Globals::Instance().m_pLogManager = nullptr;
+        Globals::Instance().Remove<LogManager>("LogManager");
     }
     StandIns::ReleaseDebugHelp();
 }
@@ -149,6 +159,7 @@ Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTab
     m_pLocaleManager = Add<LocaleManager>("LocaleManager");
     m_pLocaleManager->Init();
     Add<AlertManager>("AlertManager");
+    m_pLogManager = Add<LogManager>("LogManager");
 }
 
 Globals::~Globals() = default;
@@ -217,6 +228,8 @@ void Frame::OnLibraryUnload()
                               "ExitInstance)");
         Shutdown();
     }
+    // The log's worker, stopped by Shutdown, is off the library's code before it goes.
+    Platform::FinishThreads(2000);
     StandIns::FaultAdapterShutdown();
     Globals::Instance().DestroyAll();
 }

@@ -1,7 +1,7 @@
 // Managed threads: the state machine around a task on an operating-system thread.
 #include "Infrastructure/QelCore/Thread.h"
 
-#include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/Logging/LogInternal.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
@@ -320,7 +320,7 @@ unsigned int Thread::Invoke()
     } catch (Error& error) {
         SetLastError(error, true);
         SetState(eTHREAD_ERROR);
-        StandIns::WriteLog(sTHREAD_LOGGER, 2,
+        Detail::WriteLogText(sTHREAD_LOGGER, QelLogError,
                            (boost::format("Thread %s terminated due to error thrown from Run():\n%s") % GetName() %
                             error.GetMessageA())
                                .str());
@@ -364,8 +364,8 @@ unsigned int Thread::Run()
     } catch (Error& error) {
         SetLastError(error, true);
         SetState(eTHREAD_ERROR);
-        StandIns::WriteLog(
-            sTHREAD_LOGGER, 2,
+        Detail::WriteLogText(
+            sTHREAD_LOGGER, QelLogError,
             (boost::format("Thread %s terminated due to error:\n%s") % GetName() % error.GetMessageA()).str());
     } catch (...) {
         if (Platform::CurrentExceptionEndsThread()) throw;
@@ -380,7 +380,7 @@ void Thread::HandleUnknownError(const char* where)
     SetLastError(error, true);
     SetState(eTHREAD_ERROR);
     error.SetData(AlertInfo::sLOG_NAME, sTHREAD_LOGGER);
-    if (!IsUnloading()) StandIns::LogError(error);
+    Detail::LogAlert(error);
 }
 
 void Thread::SetState(EState state)
@@ -488,7 +488,7 @@ bool Thread::Kill(const Elapse& timeout)
         SetLastError(error, true);
         SetState(eTHREAD_ERROR);
         error.SetData(AlertInfo::sLOG_NAME, sTHREAD_LOGGER);
-        if (!IsUnloading()) StandIns::LogError(error);
+        Detail::LogAlert(error);
     }
     // The thread is gone: let go of the object in its place.
     ReleaseSelf();

@@ -144,6 +144,8 @@ public:
 
     System* m_pSystem = nullptr;           // what System::Instance() gives while it lives
     LocaleManager* m_pLocaleManager = nullptr; // the locale manager, once made
+    // What LogManager::Instance() gives: set at load, cleared when Shutdown destroys the manager.
+    std::atomic<LogManager*> m_pLogManager{nullptr};
     const std::string m_sDefaultLocale;    // "en-US"
     const std::string m_sStringTableFile;  // "QelStringTables.xml"
 };

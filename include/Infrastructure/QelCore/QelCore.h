@@ -14,6 +14,7 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Locale.h"
+#include "Infrastructure/QelCore/LogManager.h"
 #include "Infrastructure/QelCore/LocaleName.h"
 #include "Infrastructure/QelCore/MemoryBlock.h"
 #include "Infrastructure/QelCore/Mutex.h"

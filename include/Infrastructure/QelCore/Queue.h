@@ -70,6 +70,19 @@ public:
         return true;
     }
 
+    // As above, moving the item in.
+    bool Enqueue(T&& item)
+    {
+        {
+            Hold guard(m_Mutex);
+            if (m_Items.size() >= m_HardLimit) return false;
+            m_Items.push_back(std::move(item));
+            UpdateWatermark();
+        }
+        m_Semaphore.Post(1);
+        return true;
+    }
+
     // Appends the item, waiting up to `timeout` for room; false when there was none in time.
     bool TimedEnqueue(const T& item, const Elapse& timeout)
     {

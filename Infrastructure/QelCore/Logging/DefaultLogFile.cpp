@@ -1,0 +1,212 @@
+// The default log file: the entries file with its cross-process lock and rollover, the document
+// that includes it, and the layout of one entry.
+#include "Infrastructure/QelCore/Logging/DefaultLogService.h"
+
+#include "Infrastructure/QelCore/Platform/NamedMutex.h"
+#include "Infrastructure/QelCore/Platform/Platform.h"
+#include "Infrastructure/QelCore/XMLWriter.h"
+
+#include <atomic>
+#include <sstream>
+
+namespace Qel::Core {
+
+const char* const sDEFAULT_LOG_DOCUMENT = "DefaultLog.xml";
+const char* const sDEFAULT_LOG_ENTRIES = "DefaultLog.entries";
+const char* const sDEFAULT_LOG_ARCHIVE = "DefaultLog.archive";
+const char* const sDEFAULT_LOG_SEPARATOR =
+    "<!-- ========================================================================  -->\n";
+
+namespace {
+
+std::atomic<std::uint64_t> s_RolloverLimit{1400000};
+std::atomic<unsigned> s_LockTimeLimitMs{10000};
+
+const char* const sSEVERITY_TEXTS[] = {"", "Alarm", "Error", "Warning", "Debug", "Informational", "Verbose"};
+
+} // namespace
+
+const char* LogSeverityText(int severity)
+{
+    return severity >= 1 && severity <= 6 ? sSEVERITY_TEXTS[severity] : "";
+}
+
+// ---- one entry ----
+
+std::string FormatDefaultLogEntry(const QelLogEntry& entry)
+{
+    std::ostringstream out;
+    XMLWriter writer; // the default pretty-print layout
+    XMLAttributeMap<std::string> attributes;
+    const char* severity = LogSeverityText(entry.m_Severity);
+    if (*severity != '\0') attributes["Severity"] = XMLAttributeValue<std::string>(severity);
+    out << writer.StartTag("LogEntry", attributes);
+    out << writer.Tag("TimeStamp", XMLWriter::NO_ATTRIBUTES, entry.m_TimeStamp.ToString());
+    out << writer.Tag("LogName", XMLWriter::NO_ATTRIBUTES, entry.m_LogName);
+    if (entry.m_Format == "xml") {
+        // A ready fragment: written as it is, in place of a Message element.
+        out << entry.m_Message;
+    } else {
+        out << writer.Tag("Message", XMLWriter::NO_ATTRIBUTES, entry.m_Message);
+    }
+    out << writer.EndAllTags();
+    out << '\n' << sDEFAULT_LOG_SEPARATOR << '\n';
+    return std::move(out).str();
+}
+
+// ---- the cross-process lock ----
+
+LogFileMutex::LogFileMutex(const std::string& fileName)
+{
+    // All processes that open the same file get the same lock.
+    std::string name = fileName;
+    for (char& c : name)
+        if (c == '\\') c = '/';
+    int error = 0;
+    m_spMutex = Platform::NamedMutex::Open(name, error);
+}
+
+LogFileMutex::~LogFileMutex() = default;
+
+bool LogFileMutex::Acquire()
+{
+    if (!m_spMutex) return false;
+    Platform::Deadline deadline =
+        Platform::DeadlineAfterTicks(static_cast<std::int64_t>(s_LockTimeLimitMs.load()) * 10000);
+    int error = 0;
+    Platform::NamedMutex::Result result = m_spMutex->LockUntil(&deadline, error);
+    // An abandoned lock is ours now: it is released after the write like any other, so that the
+    // holder's death costs the others nothing.
+    return result == Platform::NamedMutex::eACQUIRED || result == Platform::NamedMutex::eABANDONED;
+}
+
+void LogFileMutex::Release()
+{
+    if (m_spMutex) m_spMutex->Unlock();
+}
+
+void LogFileMutex::SetTimeLimit(unsigned milliseconds)
+{
+    s_LockTimeLimitMs = milliseconds;
+}
+
+unsigned LogFileMutex::GetTimeLimit()
+{
+    return s_LockTimeLimitMs.load();
+}
+
+LogFileMutexGuard::LogFileMutexGuard(std::shared_ptr<LogFileMutex> mutex)
+    : m_spMutex(std::move(mutex)), m_bLocked(false)
+{
+    if (m_spMutex) m_bLocked = m_spMutex->Acquire();
+}
+
+LogFileMutexGuard::~LogFileMutexGuard()
+{
+    if (m_bLocked) m_spMutex->Release();
+}
+
+// ---- the entries file ----
+
+DefaultLogEntriesFile::DefaultLogEntriesFile(FolderSource folder) : m_Folder(std::move(folder)) {}
+
+DefaultLogEntriesFile::~DefaultLogEntriesFile()
+{
+    Close();
+}
+
+std::string DefaultLogEntriesFile::GetFolder() const
+{
+    try {
+        return m_Folder ? m_Folder() : std::string();
+    } catch (...) {
+        return std::string();
+    }
+}
+
+bool DefaultLogEntriesFile::Open()
+{
+    if (m_File.IsOpen()) return true;
+    PathName path(GetFolder());
+    path.ForceAsDir();
+    if (!path.IsDir()) path.CreateBranch();
+    path.SetLeafAndExt(sDEFAULT_LOG_ENTRIES);
+    m_PathName = path;
+    m_sFileName = path.ToFileSystemPath();
+    m_spMutex = std::make_shared<LogFileMutex>(m_sFileName);
+    return m_File.Open(m_sFileName);
+}
+
+void DefaultLogEntriesFile::Close()
+{
+    if (!m_File.IsOpen()) return;
+    m_File.Close();
+    m_spMutex.reset();
+}
+
+bool DefaultLogEntriesFile::Write(const std::string& text)
+{
+    if (!m_File.IsOpen() && !Open()) return false;
+    LogFileMutexGuard guard(m_spMutex);
+    // Another process may have rolled the file over: then the open file is the archive, and the
+    // entry belongs in the new file at the path.
+    if (!m_File.IsFileAt(m_sFileName)) {
+        Close();
+        if (!Open()) return false;
+    }
+    if (!m_File.Write(text.data(), text.size())) return false;
+    std::uint64_t size = 0;
+    if (m_File.Size(size) && size > s_RolloverLimit.load()) Rollover();
+    return true;
+}
+
+void DefaultLogEntriesFile::Rollover()
+{
+    // The guard keeps its own pointer to the lock, so the lock stays held across the reopening.
+    if (m_File.IsOpen()) Close();
+    PathName archive(m_PathName);
+    archive.SetLeafAndExt(sDEFAULT_LOG_ARCHIVE);
+    std::string archiveName = archive.ToFileSystemPath();
+    // rename replaces the old archive in the same step.
+    if (Platform::RenameReplacing(m_sFileName, archiveName)) {
+        QEL_ASSERT(!m_PathName.Exists());
+        Open();
+        return;
+    }
+    // The file could not be moved: copy it and cut it.
+    if (Platform::CopyFileReplacing(m_sFileName, archiveName) && Open()) m_File.Truncate();
+}
+
+void DefaultLogEntriesFile::SetRolloverLimit(std::uint64_t bytes)
+{
+    s_RolloverLimit = bytes;
+}
+
+std::uint64_t DefaultLogEntriesFile::GetRolloverLimit()
+{
+    return s_RolloverLimit.load();
+}
+
+} // namespace Qel::Core
+
+// ---- the service's part of the file ----
+
+void DefaultLogService::CreateLogFiles()
+{
+    using namespace Qel::Core;
+    m_EntriesFile.Open();
+    PathName document(m_EntriesFile.GetFolder());
+    document.ForceAsDir();
+    document.SetLeafAndExt(sDEFAULT_LOG_DOCUMENT);
+    std::string name = document.ToFileSystemPath();
+    if (document.Exists()) return; // written once, never touched again
+
+    std::ostringstream text;
+    XMLWriter writer;
+    text << writer.StartXMLDoc() << '\n';
+    text << "<!DOCTYPE Log [<!ENTITY entries SYSTEM \"" << sDEFAULT_LOG_ENTRIES << "\">]>" << '\n' << '\n';
+    text << "<Log>" << '\n' << "  &entries;" << '\n' << "</Log>" << '\n';
+    text << writer.EndXMLDoc();
+    if (Platform::CreateFileWithText(name, text.str()) == Platform::CreateResult::Failed)
+        Platform::WriteStandardError("WARNING: Failed to create default log file named: \n" + name + "\n");
+}
