@@ -298,6 +298,36 @@ TEST(Assertions, FailedAssertionSendsOneDebugLineAndGoesOn)
     EXPECT_TRUE(recorder.Events().empty());
 }
 
+TEST(Assertions, LogAssertFailedLogsTheFailureAsARaisedErrorWithoutBroadcasting)
+{
+    QelTest::DebugCapture capture;
+    QelTest::AlertRecorder recorder;
+    QelTest::LogCapture log;
+    EXPECT_FALSE(AssertFailed("plain != 0", CodeContext("p.cpp", 5, "", "", "")));
+    EXPECT_FALSE(LogAssertFailed("logged != 0", CodeContext("l.cpp", 7, "", "", "")));
+    // Only the logged assertion reaches the log: in XML form, as a raised error, and no listener
+    // of the alert manager hears of either.
+    // (Entries of earlier tests of the program may reach the capture too: only ours count.)
+    auto ours = [&] {
+        std::vector<QelLogEntry> found;
+        for (const QelLogEntry& entry : log.Entries())
+            if (entry.m_Message.find(" != 0") != std::string::npos) found.push_back(entry);
+        return found;
+    };
+    std::vector<QelLogEntry> entries;
+    for (int i = 0; i < 500 && entries.empty(); ++i) {
+        entries = ours();
+        if (entries.empty()) QelSleep(10, Elapse::MilliSeconds);
+    }
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].m_Format, "xml");
+    EXPECT_EQ(entries[0].m_Severity, QelLogError);
+    EXPECT_NE(entries[0].m_Message.find("<Circumstance>Error Raised</Circumstance>"), std::string::npos);
+    EXPECT_NE(entries[0].m_Message.find("logged != 0"), std::string::npos);
+    EXPECT_EQ(entries[0].m_Message.find("plain != 0"), std::string::npos);
+    EXPECT_TRUE(recorder.Events().empty());
+}
+
 TEST(RaiseThreads, EachThreadCountsItsOwnErrors)
 {
     QelTest::AlertRecorder recorder;
