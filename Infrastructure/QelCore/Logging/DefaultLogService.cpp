@@ -148,31 +148,28 @@ void DefaultLogService::NotifyTreeChange()
 
 void DefaultLogService::RegisterLogger(IQelLogger* logger)
 {
-    if (logger == nullptr) return;
-    bool created = false;
-    std::string p_sPath = logger->GetPath();
-    try {
-        WriterLock guard(m_TreeLock);
-        std::size_t before = m_iCreatedNodes;
-        GetLoggerNode(p_sPath).AddLogger(logger);
-        created = m_iCreatedNodes != before;
-    }
-    QEL_FORWARD_ERROR_WITH(QEL_FORWARD_VARIABLE(p_sPath))
-    if (created) NotifyTreeChange();
+    if (logger != nullptr) ChangeNodeLoggers(logger, true);
 }
 
 void DefaultLogService::UnregisterLogger(IQelLogger* logger)
 {
-    if (logger == nullptr) return;
+    if (logger != nullptr) ChangeNodeLoggers(logger, false);
+}
+
+void DefaultLogService::ChangeNodeLoggers(IQelLogger* logger, bool add)
+{
     std::string p_sPath = logger->GetPath();
     bool created = false;
     try {
         WriterLock guard(m_TreeLock);
         std::size_t before = m_iCreatedNodes;
-        GetLoggerNode(p_sPath).RemoveLogger(logger);
+        LoggerTreeNode& node = GetLoggerNode(p_sPath);
+        if (add) node.AddLogger(logger);
+        else node.RemoveLogger(logger);
         created = m_iCreatedNodes != before;
     }
     QEL_FORWARD_ERROR_WITH(QEL_FORWARD_VARIABLE(p_sPath))
+    // The handlers hear of new nodes after the tree's lock is given up.
     if (created) NotifyTreeChange();
 }
 

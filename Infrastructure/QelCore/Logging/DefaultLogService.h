@@ -184,6 +184,8 @@ private:
     // Splits a path into its pieces; InvalidLogPath for an empty piece.
     static void SplitPath(const std::string& p_sPath, std::vector<std::string>& pieces);
     void NotifyTreeChange();
+    // Adds the logger to (or takes it from) the node of its path, making the node if needed.
+    void ChangeNodeLoggers(IQelLogger* logger, bool add);
     // Offers the entry to each handler; those that throw are unregistered. Whether one took it.
     bool OfferToHandlers(const QelLogEntry& entry);
     // Writes the text to the file (making the log files first), or to the standard error stream.

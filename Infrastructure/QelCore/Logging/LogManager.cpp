@@ -60,6 +60,13 @@ std::string LastComponent(const std::string& path)
     return dot == std::string::npos ? path : path.substr(dot + 1);
 }
 
+// The text that stands for a message whose formatting failed.
+std::string FormattingErrorText(const std::string& logger, const char* when, FormatOnce& message)
+{
+    return "A formatting error occurred while writing a log message from logger <" + logger + ">" + when +
+           "\nThe formatting string is:\n\t" + message.GetFormat();
+}
+
 // The message of a logger while the library unloads or after its manager has gone: to the
 // standard output stream.
 void WriteWithoutManager(QelLogSeverityEnum severity, FormatOnce& message, const std::string& path)
@@ -72,12 +79,7 @@ void WriteWithoutManager(QelLogSeverityEnum severity, FormatOnce& message, const
                   << "Message: " << text << std::flush;
     } catch (...) {
         try {
-            char buffer[8192];
-            std::snprintf(buffer, sizeof buffer,
-                          "A formatting error occurred while writing a log message from logger <%s> during "
-                          "QelCore.dll shutdown\nThe formatting string is:\n\t%s",
-                          path.c_str(), message.GetFormat());
-            std::cout << buffer << std::endl;
+            std::cout << FormattingErrorText(path, " during QelCore.dll shutdown", message) << std::endl;
         } catch (...) {
         }
     }
@@ -614,12 +616,7 @@ void LogManager::WriteLog(QelLogSeverityEnum severity, FormatOnce& message, cons
         entry.m_Format = format;
     } catch (...) {
         try {
-            char buffer[8192];
-            std::snprintf(buffer, sizeof buffer,
-                          "A formatting error occurred while writing a log message from logger <%s>\nThe "
-                          "formatting string is:\n\t%s",
-                          logger.c_str(), message.GetFormat());
-            entry.m_Message = buffer;
+            entry.m_Message = FormattingErrorText(logger, "", message);
             entry.m_Severity = QelLogError;
             entry.m_LogName = sMANAGER_LOGGER;
             entry.m_Format = "plain";
