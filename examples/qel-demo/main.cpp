@@ -1,9 +1,11 @@
 // qel-demo: a host program that shows what QelCore does, one screen per capability.
 #include <Infrastructure/QelCore/QelCore.h>
 
+#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -318,11 +320,89 @@ void ShowLocales()
     std::cout << "back to " << CurrentLocaleName() << "\n";
 }
 
+// The log: entries go through a queue to the "LogManager Thread", which appends them to
+// "DefaultLog.entries" in the log folder (SystemInfo.ini gives the demo a folder of its own).
+std::string EntriesFileName()
+{
+    LogManager* manager = LogManager::Instance();
+    return manager != nullptr ? manager->GetLogPath() + "DefaultLog.entries" : std::string();
+}
+
+std::string ReadFrom(const std::string& fileName, std::streamoff offset)
+{
+    std::ifstream file(fileName, std::ios::binary);
+    std::ostringstream text;
+    file.seekg(0, std::ios::end);
+    if (file.tellg() < offset) offset = 0; // rolled over in the meantime: all of the new file
+    file.seekg(offset);
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::streamoff FileLength(const std::string& fileName)
+{
+    std::ifstream file(fileName, std::ios::binary | std::ios::ate);
+    return file ? static_cast<std::streamoff>(file.tellg()) : 0;
+}
+
+// Waits until the worker has taken every queued entry, then a moment for it to write the last.
+void WaitForLogWorker()
+{
+    LogManager* manager = LogManager::Instance();
+    while (manager->GetQueuedCount() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
+int CountEntries(const std::string& text)
+{
+    int count = 0;
+    for (std::size_t at = text.find("<LogEntry"); at != std::string::npos; at = text.find("<LogEntry", at + 1)) ++count;
+    return count;
+}
+
+void ShowLog(std::streamoff runStart)
+{
+    Heading("Log");
+    LogManager* manager = LogManager::Instance();
+    const std::string entriesFile = EntriesFileName();
+    std::cout << "log folder   " << manager->GetLogPath() << "\n"
+              << "document     " << manager->GetLogPath() << "DefaultLog.xml (open it in a browser or an XML tool)\n"
+              << "entries      " << entriesFile << "\n";
+    // What the earlier sections raised is in the file already; this section's entries follow.
+    WaitForLogWorker();
+    const std::streamoff sectionStart = FileLength(entriesFile);
+
+    std::shared_ptr<Logger> logger = manager->GetLogger("Qel.Demo.Log");
+    std::cout << "logger \"" << logger->GetName() << "\" (path " << logger->GetPath() << "), filter word "
+              << logger->GetSeverityFilters() << ": informational " << std::boolalpha
+              << logger->IsEnabledFor(QelLogInformational) << ", debug " << logger->IsEnabledFor(QelLogDebug) << "\n";
+    logger->WriteLog(QelLogInformational, "Sequence %s started with %d samples", "S-21..S-24", 4);
+    logger->WriteLog(QelLogDebug, "refused by the filter word: never formatted, never queued");
+    logger->WriteLog(QelLogWarning, "Detector temperature %.1f C is above the limit of %d C", 43.5, 40);
+    try {
+        QEL_RAISE_ERROR(SampleNotReady("S-22", 60), "Qel.Demo.Log");
+    } catch (SampleNotReady& error) {
+        std::cout << "caught (and logged when raised): " << error.GetMessageA() << "\n";
+    }
+    std::cout << "queued for the log worker right now: " << manager->GetQueuedCount() << "\n";
+    WaitForLogWorker();
+    // Without buffering an entry is written on the caller's thread before WriteLog returns.
+    manager->SetBufferingMode(false);
+    logger->WriteLog(QelLogInformational, std::string("Sequence finished: 100% of the samples seen"));
+    manager->SetBufferingMode(true);
+
+    const std::string section = ReadFrom(entriesFile, sectionStart);
+    std::cout << "entries of this run: " << CountEntries(ReadFrom(entriesFile, runStart)) << ", of this section "
+              << CountEntries(section) << ":\n"
+              << section;
+}
+
 } // namespace
 
 int main()
 {
     std::cout << "qel-demo: QelCore in a host process\n";
+    const std::streamoff logStart = FileLength(EntriesFileName());
     InitializeQelCore();
     ShowSystem();
     ShowErrors();
@@ -332,6 +412,7 @@ int main()
     ShowCallbacks();
     ShowTimeAndLocks();
     ShowThreads();
+    ShowLog(logStart);
     ShutdownQelCore();
     std::cout << "\ndone\n";
     return 0;

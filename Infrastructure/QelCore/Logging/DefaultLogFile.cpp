@@ -33,7 +33,11 @@ const char* LogSeverityText(int severity)
 
 // ---- one entry ----
 
-std::string FormatDefaultLogEntry(const QelLogEntry& entry)
+namespace {
+
+// The layout of an entry through XMLWriter and its pretty-print formatter: every entry can take
+// this way.
+std::string FormatWithWriter(const QelLogEntry& entry)
 {
     std::ostringstream out;
     XMLWriter writer; // the default pretty-print layout
@@ -52,6 +56,63 @@ std::string FormatDefaultLogEntry(const QelLogEntry& entry)
     out << writer.EndAllTags();
     out << '\n' << sDEFAULT_LOG_SEPARATOR << '\n';
     return std::move(out).str();
+}
+
+// The right margin of the pretty-print formatter.
+constexpr std::size_t kLineWidth = 80;
+
+// Whether the pretty printer keeps a child of the entry, with this name and escaped text, on
+// one line: "  <name>text</name>". It does for a text that is not empty, has no line end and
+// leaves room for the end tag before the margin: 2 (indent) + name + 2 (< >) + text, plus
+// name + 3 (</ >), below 80.
+bool FitsOnOneLine(std::size_t nameLength, const std::string& escaped)
+{
+    return !escaped.empty() && escaped.find('\n') == std::string::npos &&
+           2 * nameLength + 7 + escaped.size() < kLineWidth;
+}
+
+void AppendElement(std::string& out, const char* name, const std::string& escaped)
+{
+    out += "  <";
+    out += name;
+    out += '>';
+    out += escaped;
+    out += "</";
+    out += name;
+    out += ">\n";
+}
+
+} // namespace
+
+std::string FormatDefaultLogEntry(const QelLogEntry& entry)
+{
+    // Most entries are short one-line texts: those are laid out here directly, with the same
+    // bytes as the pretty printer gives them; the others go through the writer.
+    const std::string timeStamp = XMLEscape(entry.m_TimeStamp.ToString());
+    const std::string logName = XMLEscape(entry.m_LogName);
+    const bool xml = entry.m_Format == "xml";
+    const std::string message = xml ? std::string() : XMLEscape(entry.m_Message);
+    if (!FitsOnOneLine(9, timeStamp) || !FitsOnOneLine(7, logName) || (!xml && !FitsOnOneLine(7, message)))
+        return FormatWithWriter(entry);
+
+    const char* severity = LogSeverityText(entry.m_Severity);
+    std::string out;
+    out.reserve(160 + timeStamp.size() + logName.size() + (xml ? entry.m_Message.size() : message.size()));
+    out += "<LogEntry";
+    if (*severity != '\0') {
+        out += " Severity=\"";
+        out += severity;
+        out += "\" ";
+    }
+    out += ">\n";
+    AppendElement(out, "TimeStamp", timeStamp);
+    AppendElement(out, "LogName", logName);
+    if (xml) out += entry.m_Message; // a ready fragment, in place of a Message element
+    else AppendElement(out, "Message", message);
+    out += "</LogEntry>\n\n";
+    out += sDEFAULT_LOG_SEPARATOR;
+    out += '\n';
+    return out;
 }
 
 // ---- the cross-process lock ----
