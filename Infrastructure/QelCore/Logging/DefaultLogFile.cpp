@@ -209,15 +209,28 @@ bool DefaultLogEntriesFile::Write(const std::string& text)
 {
     if (!m_File.IsOpen() && !Open()) return false;
     LogFileMutexGuard guard(m_spMutex);
-    // Another process may have rolled the file over: then the open file is the archive, and the
-    // entry belongs in the new file at the path.
-    if (!m_File.IsFileAt(m_sFileName)) {
-        Close();
-        if (!Open()) return false;
+    const std::uint64_t limit = s_RolloverLimit.load();
+    // Another process may have rolled the file over: then the open file is the archive (or an
+    // archive already removed), and the entry belongs in the new file at the path. A rollover
+    // only ever moves a file longer than the limit, so the identity of the open file (device
+    // and inode against the path) is asked when it is longer than the limit or has lost its
+    // name; a file at or below the limit is still the one at the path. That spares a lookup of
+    // the path for each entry.
+    std::uint64_t size = 0;
+    bool removed = false;
+    bool known = m_File.Status(size, removed);
+    if (!known || removed || size > limit) {
+        if (!m_File.IsFileAt(m_sFileName)) {
+            Close();
+            if (!Open()) return false;
+        }
+        known = m_File.Status(size, removed);
     }
     if (!m_File.Write(text.data(), text.size())) return false;
-    std::uint64_t size = 0;
-    if (m_File.Size(size) && size > s_RolloverLimit.load()) Rollover();
+    // Under the lock nobody else appends: the length after the write is known without asking.
+    if (!known) m_File.Size(size);
+    else size += text.size();
+    if (size > limit) Rollover();
     return true;
 }
 

@@ -101,6 +101,12 @@ FormatOnce::~FormatOnce()
     if (m_pszFormat != nullptr) va_end(m_Args);
 }
 
+std::string FormatOnce::Take()
+{
+    str();
+    return std::move(m_sText);
+}
+
 const char* FormatOnce::GetFormat() const
 {
     return m_pszFormat != nullptr ? m_pszFormat : m_sText.c_str();
@@ -211,7 +217,8 @@ void Logger::DoWriteLog(QelLogSeverityEnum severity, FormatOnce& message, const 
         WriteWithoutManager(severity, message, path);
         return;
     }
-    manager->WriteLog(severity, message, path, "plain");
+    static const std::string s_Plain("plain");
+    manager->WriteLog(severity, message, path, s_Plain);
 }
 
 // ---- LogManager ----
@@ -611,7 +618,8 @@ void LogManager::WriteLog(QelLogSeverityEnum severity, FormatOnce& message, cons
     entry.m_TimeStamp = Time();
     entry.m_Severity = severity;
     try {
-        entry.m_Message = message.str();
+        // The text moves into the entry: the message is not asked again.
+        entry.m_Message = message.Take();
         entry.m_LogName = logger;
         entry.m_Format = format;
     } catch (...) {

@@ -67,6 +67,15 @@ bool AppendFile::Size(std::uint64_t& size) const
     return true;
 }
 
+bool AppendFile::Status(std::uint64_t& size, bool& removed) const
+{
+    struct stat status;
+    if (m_iFile < 0 || ::fstat(m_iFile, &status) != 0) return false;
+    size = static_cast<std::uint64_t>(status.st_size);
+    removed = status.st_nlink == 0;
+    return true;
+}
+
 bool AppendFile::IsFileAt(const std::string& path) const
 {
     struct stat open;

@@ -38,6 +38,8 @@ public:
     bool Write(const char* data, std::size_t size);
     // The length of the open file; false when it cannot be asked.
     bool Size(std::uint64_t& size) const;
+    // The length of the open file and whether it has lost its last name (removed); one fstat.
+    bool Status(std::uint64_t& size, bool& removed) const;
     // Whether `path` names the very file that is open (same device and inode).
     bool IsFileAt(const std::string& path) const;
     // Cuts the open file to length 0.

@@ -112,6 +112,8 @@ public:
     ~FormatOnce();
 
     const std::string& str();
+    // The text, moved out: afterwards the object holds the empty text.
+    std::string Take();
     // The format string, or the text of a finished message.
     const char* GetFormat() const;
 
