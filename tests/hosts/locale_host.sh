@@ -9,7 +9,9 @@ set -u
 host=$1
 library=$2
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# The raised error is logged beside the program; the log file's cross-process lock lives in
+# /dev/shm under the escaped file name and goes with the folder.
+trap 'rm -f /dev/shm/qel.pm."$(printf "%s" "$work" | sed "s#%#%25#g; s#/#%2F#g")"%2F*; rm -rf "$work"' EXIT
 bin="$work/bin"
 mkdir -p "$bin/de-DE"
 cp "$host" "$bin/host_locale"

@@ -525,7 +525,8 @@ void LogManager::Shutdown()
 {
     WriterLock loggers(m_LoggersLock);
     if (s_bLogManagerShutDown.load()) return;
-    if (m_spThread && WorkerIsOurs() && m_spThread->IsState(Thread::eTHREAD_RUNNING)) {
+    // A worker that is still starting (a shutdown right after load) delivers as well.
+    if (m_spThread && WorkerIsOurs() && m_spThread->IsState(Thread::eTHREAD_RUNNING | Thread::eTHREAD_STARTING)) {
         // The worker has a second to deliver what is queued; entries it has not reached by
         // then are dropped. Then the stop, and the release wakes a worker on an empty queue.
         Time deadline(Elapse(1, Elapse::Seconds));
