@@ -244,6 +244,9 @@ LogManager::~LogManager()
         RemoveAllNotificationSources();
         Shutdown();
         StopWorker(Elapse(10, Elapse::Seconds));
+        // Whatever destroys the manager, nobody reaches it through Instance() afterwards.
+        LogManager* self = this;
+        Globals::Instance().m_pLogManager.compare_exchange_strong(self, nullptr);
     } catch (...) {
     }
 }

@@ -162,7 +162,14 @@ Globals::Globals() : m_sDefaultLocale("en-US"), m_sStringTableFile("QelStringTab
     m_pLogManager = Add<LogManager>("LogManager");
 }
 
-Globals::~Globals() = default;
+Globals::~Globals()
+{
+    // The objects go while the pointers to them are still members of this object.
+    try {
+        DestroyAll();
+    } catch (...) {
+    }
+}
 
 // ---- singletons ----
 
