@@ -48,8 +48,10 @@ std::string FormatWithWriter(const QelLogEntry& entry)
     out << writer.Tag("TimeStamp", XMLWriter::NO_ATTRIBUTES, entry.m_TimeStamp.ToString());
     out << writer.Tag("LogName", XMLWriter::NO_ATTRIBUTES, entry.m_LogName);
     if (entry.m_Format == "xml") {
-        // A ready fragment: written as it is, in place of a Message element.
+        // A ready fragment: written as it is, in place of a Message element. It stands on lines
+        // of its own: "</LogEntry>" starts a new line after it.
         out << entry.m_Message;
+        if (!entry.m_Message.empty() && entry.m_Message.back() != '\n') out << '\n';
     } else {
         out << writer.Tag("Message", XMLWriter::NO_ATTRIBUTES, entry.m_Message);
     }

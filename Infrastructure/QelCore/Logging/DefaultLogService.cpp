@@ -212,18 +212,25 @@ unsigned int DefaultLogService::GetSeverityFilters(const std::string& p_sPath)
 
 void DefaultLogService::SetSeverityFilters(const std::string& p_sPath, unsigned int filters)
 {
+    bool created = false;
+    bool changed = false;
     try {
         WriterLock guard(m_TreeLock);
+        std::size_t before = m_iCreatedNodes;
         LoggerTreeNode& node = GetLoggerNode(p_sPath);
-        if (node.GetSeverityFilters() == filters) return;
-        unsigned int mask = node.AncestorMask();
-        unsigned int old = node.GetSeverityFilters();
-        node.SetSeverityFilters(filters);
-        // Afterwards the subtree holds effective values: a bit switched off here is off below.
-        node.Propagate(old & mask, filters & mask);
+        created = m_iCreatedNodes != before;
+        // The same word again changes nothing; a node that the walk made is a change all the same.
+        if (node.GetSeverityFilters() != filters) {
+            unsigned int mask = node.AncestorMask();
+            unsigned int old = node.GetSeverityFilters();
+            node.SetSeverityFilters(filters);
+            // Afterwards the subtree holds effective values: a bit switched off here is off below.
+            node.Propagate(old & mask, filters & mask);
+            changed = true;
+        }
     }
     QEL_FORWARD_ERROR_WITH(QEL_FORWARD_VARIABLE(p_sPath))
-    NotifyTreeChange();
+    if (created || changed) NotifyTreeChange();
 }
 
 unsigned int DefaultLogService::GetHandlerCount()

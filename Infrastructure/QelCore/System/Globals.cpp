@@ -10,17 +10,19 @@
 #include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
 
+#include <atomic>
 #include <iostream>
 
 namespace Qel::Core {
 namespace {
 
-// Process-wide flags of the frame. Plain bytes: Initialize and Shutdown are called from one
-// thread at a time, and the unloading and fatal flags only ever go from false to true.
+// Process-wide flags of the frame. Initialize and Shutdown are called from one thread at a time;
+// the unloading and fatal flags only ever go from false to true, and other threads (the log's
+// worker among them, which runs until Shutdown stops it) read them meanwhile: atomic bytes.
 bool s_bFirstInitialize = true;
 bool s_bShutdownBegun = false;
-bool s_bUnloading = false;
-bool s_bFatalExit = false;
+std::atomic<bool> s_bUnloading{false};
+std::atomic<bool> s_bFatalExit{false};
 
 } // namespace
 

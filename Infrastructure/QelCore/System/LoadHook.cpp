@@ -6,13 +6,17 @@
 // before all of their destructors, at dlclose or at the end of the process.
 #include "Infrastructure/QelCore/System/Frame.h"
 
-#include <cstdlib>
+#include <cxxabi.h>
+
 #include <locale>
+
+// The handle of this library, which the compiler's runtime gives every shared object.
+extern "C" void* __dso_handle __attribute__((__visibility__("hidden")));
 
 namespace Qel::Core {
 
 namespace {
-void UnloadHandler()
+void UnloadHandler(void*)
 {
     Frame::OnLibraryUnload();
 }
@@ -25,9 +29,11 @@ __attribute__((constructor)) void LibraryLoadHook()
 
 void Frame::OnLibraryLoad()
 {
-    // Within a shared library, atexit registers with the library's own handle: the handler runs
-    // when the library is unloaded, or when the process ends if it never is.
-    std::atexit(&UnloadHandler);
+    // Registered with the library's own handle: the handler runs when the library is unloaded, or
+    // when the process ends if it never is. This is what atexit does within a shared library, said
+    // directly: the thread sanitizer runs handlers given to atexit only after every one given to
+    // __cxa_atexit by then, which would put the handler behind the destructors of the statics.
+    abi::__cxa_atexit(&UnloadHandler, nullptr, &__dso_handle);
     // There are no per-thread attach and detach calls to refuse on this platform.
 
     // The standard library fills the narrow-character table of a ctype facet lazily, on first
