@@ -26,8 +26,10 @@ std::string LayoutThroughWriter(const QelLogEntry& entry)
     out << writer.StartTag("LogEntry", attributes);
     out << writer.Tag("TimeStamp", XMLWriter::NO_ATTRIBUTES, entry.m_TimeStamp.ToString());
     out << writer.Tag("LogName", XMLWriter::NO_ATTRIBUTES, entry.m_LogName);
-    if (entry.m_Format == "xml") out << entry.m_Message;
-    else out << writer.Tag("Message", XMLWriter::NO_ATTRIBUTES, entry.m_Message);
+    if (entry.m_Format == "xml") {
+        out << entry.m_Message;
+        if (!entry.m_Message.empty() && entry.m_Message.back() != '\n') out << '\n';
+    } else out << writer.Tag("Message", XMLWriter::NO_ATTRIBUTES, entry.m_Message);
     out << writer.EndAllTags() << '\n' << sDEFAULT_LOG_SEPARATOR << '\n';
     return out.str();
 }
@@ -95,6 +97,10 @@ TEST(LogEntryLayout, DirectLayoutEqualsTheWritersForAnyText)
 
 TEST(LogEntryLayout, XmlEntriesCarryTheFragmentUnchanged)
 {
+    QelLogEntry open = MakeEntry(QelLogError, "Qel.Core.Xml", "<Note/>", "xml");
+    EXPECT_EQ(FormatDefaultLogEntry(open), LayoutThroughWriter(open));
+    EXPECT_NE(FormatDefaultLogEntry(open).find("<Note/>\n</LogEntry>\n"), std::string::npos);
+
     QelLogEntry entry = MakeEntry(QelLogError, "Qel.Core.Xml", "<Error>\n  <Message>a &amp; b</Message>\n</Error>\n", "xml");
     std::string text = FormatDefaultLogEntry(entry);
     EXPECT_EQ(text, LayoutThroughWriter(entry));

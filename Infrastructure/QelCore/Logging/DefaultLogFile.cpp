@@ -109,7 +109,10 @@ std::string FormatDefaultLogEntry(const QelLogEntry& entry)
     out += ">\n";
     AppendElement(out, "TimeStamp", timeStamp);
     AppendElement(out, "LogName", logName);
-    if (xml) out += entry.m_Message; // a ready fragment, in place of a Message element
+    if (xml) {
+        out += entry.m_Message; // a ready fragment, in place of a Message element, on lines of its own
+        if (!entry.m_Message.empty() && entry.m_Message.back() != '\n') out += '\n';
+    }
     else AppendElement(out, "Message", message);
     out += "</LogEntry>\n\n";
     out += sDEFAULT_LOG_SEPARATOR;

@@ -484,11 +484,18 @@ void LogManager::InstallLogService(IQelLogService& service)
 
 void LogManager::UninstallLogService(IQelLogService& service)
 {
+    // The loggers are copied under their lock, which is given up before the service's lock is
+    // taken: a delivery holds the service's lock while a handler may ask for a new logger, so
+    // holding both here in either order could wait for ever.
+    std::list<std::shared_ptr<Logger>> loggers;
+    {
+        ReaderLock guard(m_LoggersLock);
+        for (auto& [path, logger] : m_Loggers) loggers.push_back(logger);
+    }
     WriterLock guard(m_ServiceLock);
     if (m_pService.load() != &service) return;
     try {
-        ReaderLock loggers(m_LoggersLock);
-        for (auto& [path, logger] : m_Loggers) service.UnregisterLogger(logger.get());
+        for (auto& logger : loggers) service.UnregisterLogger(logger.get());
     } catch (...) {
     }
     try {
