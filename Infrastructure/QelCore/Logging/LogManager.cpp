@@ -625,9 +625,7 @@ void LogManager::WarningRaised(Warning& warning)
 void LogManager::WriteLog(QelLogSeverityEnum severity, FormatOnce& message, const std::string& logger,
                           const std::string& format)
 {
-    QelLogEntry entry;
-    entry.m_TimeStamp = Time();
-    entry.m_Severity = severity;
+    QelLogEntry entry(Time(), severity);
     try {
         // The text moves into the entry: the message is not asked again.
         entry.m_Message = message.Take();

@@ -40,6 +40,13 @@ enum QelLogSeverityEnum : std::int32_t {
 // What travels from a logger through the queue to the services.
 struct QEL_CORE_API QelLogEntry
 {
+    // Stamped now.
+    QelLogEntry() = default;
+    QelLogEntry(const Qel::Core::Time& timeStamp, QelLogSeverityEnum severity)
+        : m_TimeStamp(timeStamp), m_Severity(severity)
+    {
+    }
+
     Qel::Core::Time m_TimeStamp;
     QelLogSeverityEnum m_Severity = QelLogInformational;
     std::string m_Message; // the finished text
