@@ -1,7 +1,8 @@
 // A host that writes to the default log, for the scripts that check the log files from outside.
 // The log folder is the program's folder unless "SystemInfo.ini" beside it says otherwise.
 //
-//   host_log endtoend          raises a host error, catches it, shuts the library down
+//   host_log endtoend          raises a host error, catches it, shuts the library down, then
+//                              writes through a logger it kept
 //   host_log forever           logs "entry 000001", "entry 000002", ... until it is killed,
 //                              with rollover put out of reach
 //   host_log several P PROCESSES N LIMIT GO
@@ -233,6 +234,8 @@ int main(int argc, char** argv)
         return 1;
     }
     const std::string mode = argv[1];
+    // A logger that the host keeps past the shutdown.
+    std::shared_ptr<Logger> kept = manager->GetLogger(sLOGGER);
     int rc;
     if (mode == "endtoend" && argc == 2) {
         rc = EndToEnd(*manager);
@@ -254,5 +257,13 @@ int main(int argc, char** argv)
     }
     // Delivers what is still on its way (the worker gets a second) and ends the library.
     ShutdownQelCore();
+    if (mode == "endtoend") {
+        // The manager is gone: nothing reaches it any more, and a kept logger writes to the
+        // standard output stream instead.
+        std::printf("ManagerAfterShutdown=%s\n", LogManager::Instance() == nullptr ? "null" : "present");
+        std::fflush(stdout);
+        kept->WriteLog(QelLogInformational, std::string("written after shutdown"));
+        std::printf("\n");
+    }
     return rc;
 }

@@ -60,6 +60,10 @@ case_endtoend() {
   (cd "$work" && exec "$bin/host_log" endtoend >"$work/stdout" 2>"$work/stderr")
   expect "exit status" "$?" "0"
   expect "error caught" "$(value Caught "$(cat "$work/stdout")")" "true"
+  expect "manager gone after shutdown" "$(value ManagerAfterShutdown "$(cat "$work/stdout")")" "null"
+  expect "kept logger writes to standard output" \
+    "$(grep -A3 -x 'Log message during QelCore.dll shutdown:' "$work/stdout" | tr '\n' '|')" \
+    "Log message during QelCore.dll shutdown:|Logger: Qel.Host.Log|Severity: 5|Message: written after shutdown|"
   expect "nothing on standard error" "$(cat "$work/stderr")" ""
   local doc="$bin/DefaultLog.xml"
   printf '<?xml version="1.0" encoding="UTF-8"?>\n\n<!DOCTYPE Log [<!ENTITY entries SYSTEM "DefaultLog.entries">]>\n\n<Log>\n  &entries;\n</Log>\n' \
