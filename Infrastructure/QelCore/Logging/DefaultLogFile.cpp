@@ -146,6 +146,11 @@ bool LogFileMutex::Acquire()
     return result == Platform::NamedMutex::eACQUIRED || result == Platform::NamedMutex::eABANDONED;
 }
 
+std::atomic<std::uint64_t>* LogFileMutex::SharedWords()
+{
+    return m_spMutex ? m_spMutex->Words() : nullptr;
+}
+
 void LogFileMutex::Release()
 {
     if (m_spMutex) m_spMutex->Unlock();
@@ -200,6 +205,7 @@ bool DefaultLogEntriesFile::Open()
     m_PathName = path;
     m_sFileName = path.ToFileSystemPath();
     m_spMutex = std::make_shared<LogFileMutex>(m_sFileName);
+    m_iSinceCheck = 64; // the first entry into a file just opened asks the file system
     return m_File.Open(m_sFileName);
 }
 
@@ -215,27 +221,59 @@ bool DefaultLogEntriesFile::Write(const std::string& text)
     if (!m_File.IsOpen() && !Open()) return false;
     LogFileMutexGuard guard(m_spMutex);
     const std::uint64_t limit = s_RolloverLimit.load();
-    // Another process may have rolled the file over: then the open file is the archive (or an
-    // archive already removed), and the entry belongs in the new file at the path. A rollover
-    // only ever moves a file longer than the limit, so the identity of the open file (device
-    // and inode against the path) is asked when it is longer than the limit or has lost its
-    // name; a file at or below the limit is still the one at the path. That spares a lookup of
-    // the path for each entry.
+    // What the writers of all processes know of the file lies beside the lock: the number of
+    // rollovers so far and the file's length. With the lock held and both known (and this
+    // process's file of the current rollover count), an entry costs one write and no question
+    // to the file system. Otherwise the file is asked, and every 64 entries anyway, so that a
+    // file removed from outside is noticed.
+    std::atomic<std::uint64_t>* shared = guard.IsLocked() ? m_spMutex->SharedWords() : nullptr;
     std::uint64_t size = 0;
-    bool removed = false;
-    bool known = m_File.Status(size, removed);
-    if (!known || removed || size > limit) {
-        if (!m_File.IsFileAt(m_sFileName)) {
-            Close();
-            if (!Open()) return false;
+    bool known = false;
+    if (shared != nullptr && ++m_iSinceCheck < 64) {
+        std::uint64_t length = shared[1].load(std::memory_order_relaxed);
+        if (length != 0 && shared[0].load(std::memory_order_relaxed) == m_iRollovers) {
+            size = length - 1;
+            known = true;
         }
-        known = m_File.Status(size, removed);
     }
-    if (!m_File.Write(text.data(), text.size())) return false;
+    if (!known) {
+        m_iSinceCheck = 0;
+        if (shared != nullptr) m_iRollovers = shared[0].load(std::memory_order_relaxed);
+        // Another process may have rolled the file over: then the open file is the archive (or
+        // an archive already removed), and the entry belongs in the new file at the path. A
+        // rollover only ever moves a file longer than the limit, so the identity of the open
+        // file (device and inode against the path) is asked when it is longer than the limit
+        // or has lost its name.
+        bool removed = false;
+        known = m_File.Status(size, removed);
+        if (!known || removed || size > limit) {
+            if (!m_File.IsFileAt(m_sFileName)) {
+                Close();
+                if (!Open()) return false;
+            }
+            known = m_File.Status(size, removed);
+        }
+    }
+    if (!m_File.Write(text.data(), text.size())) {
+        if (shared != nullptr) shared[1].store(0, std::memory_order_relaxed);
+        return false;
+    }
     // Under the lock nobody else appends: the length after the write is known without asking.
-    if (!known) m_File.Size(size);
-    else size += text.size();
-    if (size > limit) Rollover();
+    if (known) size += text.size();
+    else known = m_File.Size(size);
+    if (known && size > limit) {
+        Rollover();
+        std::uint64_t fresh = 0;
+        bool removed = false;
+        known = m_File.IsOpen() && m_File.Status(fresh, removed);
+        size = fresh;
+        if (shared != nullptr) m_iRollovers = shared[0].fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    // Without the lock the length is left unknown: other writers may have appended meanwhile.
+    if (shared != nullptr) shared[1].store(known ? size + 1 : 0, std::memory_order_relaxed);
+    else if (LogFileMutex* mutex = m_spMutex.get()) {
+        if (std::atomic<std::uint64_t>* words = mutex->SharedWords()) words[1].store(0, std::memory_order_relaxed);
+    }
     return true;
 }
 

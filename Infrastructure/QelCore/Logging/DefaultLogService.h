@@ -16,6 +16,7 @@
 #include "Infrastructure/QelCore/Platform/AppendFile.h"
 #include "Infrastructure/QelCore/ReadersWriterMutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -60,6 +61,10 @@ public:
     // The wait limit, in milliseconds (10000; tests shorten it).
     static void SetTimeLimit(unsigned milliseconds);
     static unsigned GetTimeLimit();
+
+    // What the holders of the lock know of the file, kept beside the lock for all processes:
+    // [0] the number of rollovers, [1] the file's length + 1 (0: not known). Null without a lock.
+    std::atomic<std::uint64_t>* SharedWords();
 
 private:
     std::shared_ptr<Platform::NamedMutex> m_spMutex; // null if the system refused the lock
@@ -114,6 +119,8 @@ private:
     PathName m_PathName;
     Platform::AppendFile m_File;
     std::string m_sFileName; // m_PathName as the file system takes it
+    std::uint64_t m_iRollovers = ~std::uint64_t(0); // the shared rollover count the open file belongs to
+    unsigned m_iSinceCheck = 0;                      // entries written since the file was last asked
 };
 
 } // namespace Qel::Core

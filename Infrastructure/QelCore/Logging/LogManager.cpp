@@ -17,6 +17,7 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 using namespace Qel::Core;
 
@@ -660,11 +661,25 @@ void LogManager::Enqueue(QelLogEntry& entry)
     }
 }
 
+bool LogManager::NextEntry(QelLogEntry& entry)
+{
+    // Code that logs in a loop refills the queue within microseconds: before the worker sleeps
+    // on an empty queue it looks again a few times, giving up the processor in between. So a
+    // burst is taken without the worker falling asleep after each entry, which would cost every
+    // producer a wake-up call into the kernel.
+    static const Elapse s_NoWait(0, Elapse::Seconds);
+    for (int look = 0; look < 64; ++look) {
+        if (m_Queue.TimedDequeue(entry, s_NoWait)) return true;
+        std::this_thread::yield();
+    }
+    return m_Queue.Dequeue(entry);
+}
+
 int LogManager::Run(TaskDirective& directive)
 {
     while (!directive.MustStop()) {
         QelLogEntry entry;
-        while (m_Queue.Dequeue(entry)) {
+        while (NextEntry(entry)) {
             if (!directive.MustStop() && !IsUnloading()) SendLogMessage(entry, false);
             --m_iUndelivered;
         }

@@ -27,11 +27,12 @@ struct NamedMutex::Shared
     std::atomic<std::uint32_t> magic;
     std::uint32_t size;
     pthread_mutex_t mutex;
+    std::atomic<std::uint64_t> words[NamedMutex::sWORD_COUNT];
 };
 
 namespace {
 
-constexpr std::uint32_t kMagic = 0x51504D01; // "QPM", layout 1
+constexpr std::uint32_t kMagic = 0x51504D02; // "QPM", layout 2 (with the holders' words)
 
 struct Registry
 {
@@ -58,6 +59,7 @@ int InitShared(NamedMutex::Shared* shared)
     if (rc == 0) rc = pthread_mutex_init(&shared->mutex, &attributes);
     pthread_mutexattr_destroy(&attributes);
     if (rc != 0) return rc;
+    for (auto& word : shared->words) word.store(0, std::memory_order_relaxed);
     shared->size = sizeof(NamedMutex::Shared);
     shared->magic.store(kMagic, std::memory_order_release);
     return 0;
@@ -187,6 +189,11 @@ NamedMutex::Result NamedMutex::LockUntil(const Deadline* deadline, int& error)
         error = rc;
         return eFAILED;
     }
+}
+
+std::atomic<std::uint64_t>* NamedMutex::Words()
+{
+    return m_pShared->words;
 }
 
 void NamedMutex::Unlock()

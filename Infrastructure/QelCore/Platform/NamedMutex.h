@@ -14,6 +14,8 @@
 #include "Infrastructure/QelCore/Platform/Locks.h"
 #include "Infrastructure/QelCore/QelCoreExport.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -41,6 +43,10 @@ public:
 
     // Waits until the deadline (none: without limit). Blocks; never raises.
     Result LockUntil(const Deadline* deadline, int& error);
+    // Words of shared memory beside the lock (sWORD_COUNT of them, 0 when the lock was made) in
+    // which the holders of the lock keep state of their own; read and written under the lock.
+    static constexpr int sWORD_COUNT = 2;
+    std::atomic<std::uint64_t>* Words();
     // Releases one level of the calling thread's ownership; a thread that does not own the lock
     // changes nothing.
     void Unlock();

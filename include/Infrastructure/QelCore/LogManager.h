@@ -272,6 +272,8 @@ private:
     // behind in the parent is let go without waiting.
     void StopWorker(const Elapse& timeout);
     void Enqueue(QelLogEntry& entry);
+    // The worker's next entry: blocks until there is one (true) or the queue is released (false).
+    bool NextEntry(QelLogEntry& entry);
     DefaultLogService& Default() const;
     std::string CurrentLogPath() const;
 
