@@ -308,10 +308,35 @@ TEST_F(FileTest, AWriterFollowsTheFileAfterAnotherWritersRollover)
     ASSERT_TRUE(b.Write("b2\n"));
     EXPECT_EQ(ReadFile(Entries()), "a2\nb2\n");
 
-    // The file removed behind a writer's back: it makes a new one.
+    // The file removed behind the writers' backs: within 64 entries each notices and makes a new
+    // one (the entries before that went into the removed file).
     std::remove(Entries().c_str());
-    ASSERT_TRUE(a.Write("a3\n"));
-    EXPECT_EQ(ReadFile(Entries()), "a3\n");
+    for (int i = 3; i < 3 + 64; ++i) ASSERT_TRUE(a.Write("a" + std::to_string(i) + "\n"));
+    ASSERT_TRUE(b.Write("b3\n"));
+    std::string fresh = ReadFile(Entries());
+    ASSERT_GE(fresh.size(), 7u) << fresh;
+    EXPECT_EQ(fresh.substr(fresh.size() - 7), "a66\nb3\n");
+}
+
+TEST_F(FileTest, WritersOfOneFileShareItsLengthForTheRollover)
+{
+    // Two writers take turns; neither asks the file for its length each time, yet the rollover
+    // comes with the entry that takes the file above the limit, whoever writes it.
+    RolloverLimit limit(1000);
+    DefaultLogEntriesFile a(In(m_Folder.Path()));
+    DefaultLogEntriesFile b(In(m_Folder.Path()));
+    std::string expected;
+    const std::string entry(99, 'x');
+    for (int i = 0; i < 10; ++i) {
+        DefaultLogEntriesFile& writer = i % 2 == 0 ? a : b;
+        ASSERT_TRUE(writer.Write(entry + "\n"));
+    }
+    EXPECT_EQ(FileSize(Entries()), 1000u); // exactly the limit: no rollover
+    ASSERT_TRUE(b.Write("y\n"));          // above it: into the archive, then a new file
+    EXPECT_EQ(FileSize(Archive()), 1002u);
+    EXPECT_EQ(FileSize(Entries()), 0u);
+    ASSERT_TRUE(a.Write("z\n"));
+    EXPECT_EQ(ReadFile(Entries()), "z\n");
 }
 
 // ---- the cross-process lock ----

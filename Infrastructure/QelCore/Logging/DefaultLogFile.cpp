@@ -237,7 +237,6 @@ bool DefaultLogEntriesFile::Write(const std::string& text)
         }
     }
     if (!known) {
-        m_iSinceCheck = 0;
         if (shared != nullptr) m_iRollovers = shared[0].load(std::memory_order_relaxed);
         // Another process may have rolled the file over: then the open file is the archive (or
         // an archive already removed), and the entry belongs in the new file at the path. A
@@ -253,6 +252,7 @@ bool DefaultLogEntriesFile::Write(const std::string& text)
             }
             known = m_File.Status(size, removed);
         }
+        m_iSinceCheck = 0;
     }
     if (!m_File.Write(text.data(), text.size())) {
         if (shared != nullptr) shared[1].store(0, std::memory_order_relaxed);
