@@ -106,10 +106,14 @@ case_sigkill() {
   for i in $(seq 1 $runs); do
     local run="$work/run$i"
     program_folder "$run"
-    local delay=$((RANDOM % 600 + 200))
+    local delay=$((RANDOM % 400 + 50))
     (cd "$run" && exec ./host_log forever >"$run/stdout" 2>"$run/stderr") &
     local pid=$!
     pids=("$pid")
+    # The kill comes at a random moment after the first entries are in the file (a loaded
+    # machine may take a while to start the program).
+    local waited=0
+    while [ ! -s "$run/DefaultLog.entries" ] && [ $waited -lt 1000 ]; do sleep 0.01; waited=$((waited + 1)); done
     sleep "$((delay / 1000)).$(printf %03d $((delay % 1000)))"
     kill -KILL "$pid"
     wait "$pid"
@@ -133,7 +137,7 @@ case_sigkill() {
     [ "${count:-0}" -gt 0 ] && written=$((written + 1))
     [ $failures -eq $failed_before ] || { echo "$out"; show "$run/stderr"; tail -c 600 "$run/DefaultLog.entries"; }
   done
-  expect "runs with entries written before the kill (at least 15 of $runs)" "$([ $written -ge 15 ] && echo yes || echo "$written")" "yes"
+  expect "runs with entries written before the kill" "$written" "$runs"
 }
 
 case_several() {

@@ -287,6 +287,12 @@ void LogManager::StopWorker(const Elapse& timeout)
         m_Queue.SetReleased(true);
         m_spThread->TimedWaitForState(Thread::eTHREAD_NOT_RUNNING, timeout);
     }
+    // The thread lets go of its own pointer to the object on its last instructions. The object
+    // goes here, on this thread, which then joins the thread: were the thread left to destroy
+    // it, the thread would still be ending while the library unloads.
+    Time deadline(Elapse(2, Elapse::Seconds));
+    while (m_spThread.use_count() > 1 && deadline.TimeLeft().GetRawTimerTicks() > 0)
+        QelSleep(1, Elapse::MilliSeconds, false);
     m_spThread.reset();
 }
 
