@@ -254,6 +254,19 @@ bool DefaultLogEntriesFile::Write(const std::string& text)
         }
         m_iSinceCheck = 0;
     }
+    // A write that fits in one page of the file lands whole even when the process is killed
+    // in the middle of it; one that crosses a page boundary may be cut at the boundary. So an
+    // entry that fits in a page but would cross a boundary starts on the next page, and the
+    // rest of the current page is filled with line ends, which the document reads as blank
+    // space between entries.
+    if (known) {
+        const std::uint64_t page = Platform::AppendFile::sATOMIC_WRITE;
+        const std::uint64_t used = size % page;
+        if (used != 0 && text.size() <= page && used + text.size() > page) {
+            std::string padding(static_cast<std::size_t>(page - used), '\n');
+            if (m_File.Write(padding.data(), padding.size())) size += padding.size();
+        }
+    }
     if (!m_File.Write(text.data(), text.size())) {
         if (shared != nullptr) shared[1].store(0, std::memory_order_relaxed);
         return false;

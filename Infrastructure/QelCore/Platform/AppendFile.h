@@ -34,6 +34,9 @@ public:
     bool Open(const std::string& path);
     bool IsOpen() const { return m_iFile >= 0; }
     void Close();
+    // A write(2) that stays within one page of the file is not cut short by a signal that kills
+    // the process; one that crosses a page boundary may end at the boundary.
+    static constexpr std::size_t sATOMIC_WRITE = 4096;
     // Appends the bytes with one write(2); false when they could not all be written.
     bool Write(const char* data, std::size_t size);
     // The length of the open file; false when it cannot be asked.
