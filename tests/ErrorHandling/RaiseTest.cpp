@@ -314,11 +314,8 @@ TEST(Assertions, LogAssertFailedLogsTheFailureAsARaisedErrorWithoutBroadcasting)
             if (entry.m_Message.find(" != 0") != std::string::npos) found.push_back(entry);
         return found;
     };
-    std::vector<QelLogEntry> entries;
-    for (int i = 0; i < 500 && entries.empty(); ++i) {
-        entries = ours();
-        if (entries.empty()) QelSleep(10, Elapse::MilliSeconds);
-    }
+    ASSERT_TRUE(QelTest::Eventually([&] { return !ours().empty(); }));
+    std::vector<QelLogEntry> entries = ours();
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].m_Format, "xml");
     EXPECT_EQ(entries[0].m_Severity, QelLogError);

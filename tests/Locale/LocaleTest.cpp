@@ -20,26 +20,15 @@ using namespace Qel::Core;
 
 namespace {
 
+using QelTest::ReadFile;
+using QelTest::WriteFile;
+
 QEL_DEFINE_ERROR(WordedTestError, LogicError, AlertInfo::eERROR, "Default wording of %1%", std::string)
 QEL_DEFINE_WARNING(CollectedTestWarning, Warning, "A warning about %1%", std::string)
 
 std::string TempPath(const std::string& name)
 {
     return ::testing::TempDir() + "qel_locale_" + std::to_string(System::GetProcessId()) + "_" + name;
-}
-
-void WriteFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::string Lookup(const std::shared_ptr<Locale>& locale, const std::string& table, const std::string& key)

@@ -48,20 +48,6 @@ QelLogEntry MakeEntry(int severity, const std::string& logger, const std::string
 
 } // namespace
 
-TEST(LogEntryLayout, GoldenShortEntry)
-{
-    QelLogEntry entry = MakeEntry(QelLogWarning, "Qel.Core.Test", "1 < 2 & 3");
-    std::string expected = "<LogEntry Severity=\"Warning\" >\n"
-                           "  <TimeStamp>" + entry.m_TimeStamp.ToString() + "</TimeStamp>\n"
-                           "  <LogName>Qel.Core.Test</LogName>\n"
-                           "  <Message>1 &lt; 2 &amp; 3</Message>\n"
-                           "</LogEntry>\n"
-                           "\n"
-                           "<!-- ========================================================================  -->\n"
-                           "\n";
-    EXPECT_EQ(FormatDefaultLogEntry(entry), expected);
-}
-
 TEST(LogEntryLayout, DirectLayoutEqualsTheWritersAtTheMargin)
 {
     // Message lengths on both sides of the point where the text leaves the tag's line.

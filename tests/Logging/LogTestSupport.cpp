@@ -45,25 +45,11 @@ bool FileExists(const std::string& path)
     return std::filesystem::exists(path, error);
 }
 
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 std::uint64_t FileSize(const std::string& path)
 {
     std::error_code error;
     auto size = std::filesystem::file_size(path, error);
     return error ? 0 : static_cast<std::uint64_t>(size);
-}
-
-void WriteFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
 }
 
 std::size_t CountOf(const std::string& text, const std::string& needle)
@@ -72,16 +58,6 @@ std::size_t CountOf(const std::string& text, const std::string& needle)
     for (std::size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + needle.size()))
         ++count;
     return count;
-}
-
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit)
-{
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return condition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 std::string Unique(const std::string& base)

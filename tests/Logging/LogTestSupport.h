@@ -9,6 +9,7 @@
 #include <Infrastructure/QelCore/QelCore.h>
 
 #include "Infrastructure/QelCore/Logging/DefaultLogService.h"
+#include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -45,15 +46,14 @@ private:
     std::string m_Path;
 };
 
+using QelTest::Eventually;
+using QelTest::ReadFile;
+using QelTest::WriteFile;
+
 bool FileExists(const std::string& path);
-std::string ReadFile(const std::string& path);
 std::uint64_t FileSize(const std::string& path);
-void WriteFile(const std::string& path, const std::string& text);
 // How often `needle` stands in `text`.
 std::size_t CountOf(const std::string& text, const std::string& needle);
-
-// Waits (in slices of 5 ms) until the condition holds; whether it did within the time.
-bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 // A logger path made from `base` that no earlier call gave (tests may run repeatedly in one process,
 // and the tree of loggers keeps every node).

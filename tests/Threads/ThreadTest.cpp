@@ -15,6 +15,8 @@ using namespace Qel::Core;
 
 namespace {
 
+using QelTest::Eventually;
+
 // Runs until a stop is requested, polling KeepRunning.
 class PollingTask : public Task
 {
@@ -68,15 +70,6 @@ public:
     std::string errorMessage;
     Thread::EState stateDuringError = Thread::eTHREAD_IDLE;
 };
-
-bool Eventually(const std::function<bool()>& condition)
-{
-    for (int i = 0; i < 1000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 // The nice value of a thread, the 19th field of /proc/self/task/<tid>/stat.
 int NiceOf(unsigned long threadId)

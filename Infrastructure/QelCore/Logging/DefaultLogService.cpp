@@ -18,12 +18,9 @@ const char* const sSERVICE_LOGGER = "Qel.Core.DefaultLogService";
 
 // ---- the tree ----
 
-DefaultLogService::LoggerTreeNode::LoggerTreeNode(const std::string& path, const std::string& name,
-                                                  LoggerTreeNode* parent)
+DefaultLogService::LoggerTreeNode::LoggerTreeNode(const std::string& path, LoggerTreeNode* parent)
     : Logger(path), m_pParent(parent)
 {
-    // The name is the component, also where it holds no dot of its own (the root's is empty).
-    (void)name;
 }
 
 DefaultLogService::LoggerTreeNode::~LoggerTreeNode() = default;
@@ -76,7 +73,7 @@ void DefaultLogService::LoggerTreeNode::TransferLoggers(IQelLogService& service)
 // ---- the service ----
 
 DefaultLogService::DefaultLogService(DefaultLogEntriesFile::FolderSource folder)
-    : m_Root(std::string(), std::string(), nullptr), m_EntriesFile(std::move(folder))
+    : m_Root(std::string(), nullptr), m_EntriesFile(std::move(folder))
 {
 }
 
@@ -122,7 +119,7 @@ DefaultLogService::LoggerTreeNode& DefaultLogService::GetLoggerNode(const std::s
         auto found = node->m_Children.find(piece);
         if (found == node->m_Children.end()) {
             std::string path = node == &m_Root ? piece : node->GetPath() + "." + piece;
-            found = node->m_Children.emplace(piece, std::make_unique<LoggerTreeNode>(path, piece, node)).first;
+            found = node->m_Children.emplace(piece, std::make_unique<LoggerTreeNode>(path, node)).first;
             ++m_iCreatedNodes;
         }
         node = found->second.get();

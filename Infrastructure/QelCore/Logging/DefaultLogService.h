@@ -132,7 +132,8 @@ public:
     class QEL_CORE_API LoggerTreeNode : public Qel::Core::Logger
     {
     public:
-        LoggerTreeNode(const std::string& path, const std::string& name, LoggerTreeNode* parent);
+        // The name is the path's last component, as for every logger.
+        LoggerTreeNode(const std::string& path, LoggerTreeNode* parent);
         ~LoggerTreeNode() override;
 
         // Asserts "0 != p_pLogger"; the logger gets this node's word ANDed with its ancestors'.
