@@ -74,6 +74,33 @@ TEST(LocaleName, LanguagesResolveToTheirDefaultLocale)
     EXPECT_FALSE(LocaleName("Klingonese").IsValid());
 }
 
+TEST(LocaleName, NamesWhoseScriptIsImpliedAreValidAsGiven)
+{
+    struct Case
+    {
+        const char* pszName;
+        const char* pszLanguageCode;
+        const char* pszRegionCode;
+        const char* pszRegion;
+    };
+    for (const Case& c : {Case{"zh-CN", "zh", "CN", "China"}, Case{"zh-TW", "zh", "TW", "Taiwan"},
+                          Case{"zh-HK", "zh", "HK", "Hong Kong SAR China"}, Case{"pa-IN", "pa", "IN", "India"},
+                          Case{"zh-Hans-CN", "zh", "CN", "China"}}) {
+        const LocaleName name(c.pszName);
+        SCOPED_TRACE(c.pszName);
+        EXPECT_TRUE(name.IsValid());
+        EXPECT_EQ(name.ToString(), c.pszName); // kept as the user wrote it
+        EXPECT_EQ(name.GetLanguageCode(), c.pszLanguageCode);
+        EXPECT_EQ(name.GetRegionCode(), c.pszRegionCode);
+        EXPECT_EQ(name.GetRegionInEnglish(), c.pszRegion);
+    }
+    EXPECT_EQ(LocaleName("zh-CN").GetLocaleID(), 0x0804u);
+    // Likely subtags fill in a script only: a region or a language they would add is no match.
+    for (const char* pszName : {"und-CN", "zh-Latn-CN", "de-CN", "zh-XX"}) {
+        EXPECT_FALSE(LocaleName(pszName).IsValid()) << pszName;
+    }
+}
+
 TEST(LocaleName, CodesByEnglishName)
 {
     std::string code = "untouched";
@@ -95,6 +122,9 @@ TEST(LocaleName, AvailableLocalesAreEnumerated)
     EXPECT_TRUE(names.count("en-US"));
     EXPECT_TRUE(names.count("de-AT"));
     EXPECT_TRUE(names.count("sr-Latn-RS"));
+    // Names as users write them: the implied script is left out.
+    for (const char* pszName : {"zh-CN", "zh-TW", "zh-HK", "pa-IN", "sr-RS"}) EXPECT_TRUE(names.count(pszName)) << pszName;
+    for (const char* pszName : {"zh-Hans-CN", "zh-Hant-TW", "pa-Guru-IN"}) EXPECT_FALSE(names.count(pszName)) << pszName;
     std::unordered_set<std::string> unordered;
     Locale::EnumAvailableLocales(unordered);
     EXPECT_EQ(unordered.size(), names.size());

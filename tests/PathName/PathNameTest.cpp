@@ -78,6 +78,20 @@ TEST(PathNameSplit, LinuxPaths)
     ExpectParts({"../up/x", "", "../up/", "x", "", "../up/", "x"});
 }
 
+TEST(PathNameSplit, ColonsBehindTheFirstTwoCharactersAreOrdinary)
+{
+    ExpectParts({"/data/x/logs:2024/run/", "", "/data/x/logs:2024/run/", "", "", "/data/x/logs:2024/run/", ""});
+    ExpectParts({"/data/x/12:30/f.log", "", "/data/x/12:30/", "f", "log", "/data/x/12:30/", "f.log"});
+    ExpectParts({"12:30/", "", "12:30/", "", "", "12:30/", ""});
+    ExpectParts({"2024-05-01T10:00", "", "", "2024-05-01T10:00", "", "", "2024-05-01T10:00"});
+    ExpectParts({R"(C::b\c)", "C", R"(:b\)", "c", "", R"(C::b\)", "c"});
+    for (const char* pszText : {"/data/12:30/", "12:30/", "logs:1", "/a:b"}) {
+        EXPECT_FALSE(PathName(pszText).HasBase()) << pszText;
+    }
+    EXPECT_TRUE(PathName("/data/12:30/").IsAbsolute());
+    EXPECT_TRUE(PathName("12:30/").IsRelative());
+}
+
 TEST(PathNameSplit, BaseWithoutBranch)
 {
     ExpectParts({"F:the file name.the extension", "F", "", "the file name", "the extension", "F:",
@@ -215,7 +229,9 @@ TEST(PathNameValid, ValidTexts)
          {"Test.txt", "_Test.txt.txt", "bare.fi_le", "spaces bare.fi.le", "under_score_bare.file", "bare",
           "spaces bare", "underscore_bare", "/.txt", R"(\Test.txt)", "a:", R"(\\Computer\path)", R"(D:\path)",
           "D:/path", R"(..\path)", R"(.\path)", R"(W:\path\no\spaces\file.txt)", R"(X:\path\with 2 spaces)",
-          R"(C:\path\no\spaces)", "/usr/lib/x86_64-linux-gnu/libc.so.6", "dir/", "(a)~b!#%&@`'^$-"}) {
+          R"(C:\path\no\spaces)", "/usr/lib/x86_64-linux-gnu/libc.so.6", "dir/", "(a)~b!#%&@`'^$-",
+          // a colon behind the first component is part of a name
+          "/data/12:30/", "/data/2024-05-01T10:00/x.log", "run/a:b:c", R"(C:\a:b)"}) {
         EXPECT_TRUE(PathName(pszText).IsValid()) << pszText;
     }
 }
@@ -226,7 +242,7 @@ TEST(PathNameValid, InvalidTexts)
                                 // nothing but base separators
                                 ":", "::", R"(\\\)", R"(\\\\)",
                                 // two colons, a drive of two letters
-                                "a:b:c", R"(ab:\x)",
+                                "a:b:c", R"(ab:\x)", "12:30/", "ab:c",
                                 // separators next to each other
                                 R"(a\\b)", "a//b", R"(C:\x/\y)", "dir//"}) {
         EXPECT_FALSE(PathName(pszText).IsValid()) << pszText;
@@ -800,6 +816,32 @@ TEST_F(PathNameFileSystem, RenameAFolder)
     EXPECT_EQ(Text(backslashed), m_sFolder + "/d3/");
     EXPECT_TRUE(fs::is_directory(m_Folder / "d3"));
     EXPECT_FALSE(fs::exists(m_Folder / "d2"));
+}
+
+TEST_F(PathNameFileSystem, ColonsInFolderNamesReachTheFileSystemWhole)
+{
+    PathName branch(m_sFolder + "/logs:2024/run/");
+    EXPECT_TRUE(branch.CreateBranch());
+    EXPECT_TRUE(fs::is_directory(m_Folder / "logs:2024/run"));
+    EXPECT_EQ(Entries(), Strings{"logs:2024"}); // nothing stray beside it
+
+    PathName stamped(m_sFolder + "/12:30/");
+    ASSERT_TRUE(stamped.CreateBranch());
+    EXPECT_TRUE(stamped.Rename("renamed"));
+    EXPECT_EQ(Text(stamped), m_sFolder + "/renamed/");
+    EXPECT_TRUE(fs::is_directory(m_Folder / "renamed"));
+    EXPECT_FALSE(fs::exists(m_Folder / "12:30"));
+
+    // Relative to the current folder (the fixture's), and appended.
+    PathName relative("10:00/x/");
+    EXPECT_TRUE(relative.CreateBranch());
+    EXPECT_TRUE(fs::is_directory(m_Folder / "10:00/x"));
+    PathName appended(m_sFolder);
+    appended += "run:1";
+    appended += "logs";
+    EXPECT_EQ(Text(appended), m_sFolder + "/run:1/logs");
+    EXPECT_TRUE(appended.CreateBranch()); // the leaf "logs" is a file name here: run:1 is made
+    EXPECT_TRUE(fs::is_directory(m_Folder / "run:1"));
 }
 
 TEST_F(PathNameFileSystem, ReadDirectoryWithFilters)

@@ -4,6 +4,8 @@
 //   host_locale typename   the type name of the host's error class, the key of its string table
 //   host_locale run        listens for locale changes, makes "de-DE" current, raises the error
 //                          and reports its messages, the notifications and the locales
+//   host_locale start      reports the locale the process started in (the user's) and the display
+//                          message of the error raised in it
 #include <Infrastructure/QelCore/QelCore.h>
 
 #include <cstdio>
@@ -88,8 +90,25 @@ int Run()
 
 } // namespace
 
+// The locale the library took from the environment, and the error's wording in it.
+int Start()
+{
+    Print("LocaleAtStart", NameOf(System::GetLocale()));
+    try {
+        QEL_RAISE_ERROR(HostLocale::SampleFileMissing("/data/run7.dat"), "Qel.Host.Locale");
+    } catch (const HostLocale::SampleFileMissing& error) {
+        Print("DisplayMessage", error.GetDisplayMessage());
+    }
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::strcmp(argv[1], "start") == 0) {
+        const int rc = Start();
+        ShutdownQelCore();
+        return rc;
+    }
     if (argc == 2 && std::strcmp(argv[1], "typename") == 0) {
         std::printf("%s\n", TypeName(typeid(HostLocale::SampleFileMissing)).c_str());
         return 0;
@@ -99,6 +118,6 @@ int main(int argc, char** argv)
         ShutdownQelCore();
         return rc;
     }
-    std::fprintf(stderr, "usage: host_locale typename|run\n");
+    std::fprintf(stderr, "usage: host_locale typename|run|start\n");
     return 2;
 }

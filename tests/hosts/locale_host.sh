@@ -77,4 +77,23 @@ expect "malformed: display message falls back" "$(value DisplayMessage "$out")" 
 expect "malformed: English message" "$(value Message "$out")" "Sample file /data/run7.dat is missing"
 [ $failures -eq $failures_before ] || { echo "---- stdout"; echo "$out"; echo "---- stderr"; cat "$work/stderr"; }
 
+# A user whose LANG names a locale that ICU lists only with its script (zh_Hans_CN): the process
+# starts in zh-CN and reads "zh-CN/QelStringTables.xml" beside the program.
+mkdir -p "$bin/zh-CN"
+cat >"$bin/zh-CN/QelStringTables.xml" <<EOF
+<?xml version="1.0" encoding="UTF-8"?>
+<StringTables locale="zh-CN" >
+  <StringTable key="$type_name" >
+    <STR key="DisplayFormat" >样品文件 %1% 缺失</STR>
+  </StringTable>
+</StringTables>
+EOF
+failures_before=$failures
+out=$(cd "$work" && env -u LC_ALL LANG=zh_CN.UTF-8 "$bin/host_locale" start 2>"$work/stderr")
+rc=$?
+expect "zh-CN: exit status" "$rc" "0"
+expect "zh-CN: locale at start" "$(value LocaleAtStart "$out")" "zh-CN"
+expect "zh-CN: display message" "$(value DisplayMessage "$out")" "样品文件 /data/run7.dat 缺失"
+[ $failures -eq $failures_before ] || { echo "---- stdout"; echo "$out"; echo "---- stderr"; cat "$work/stderr"; }
+
 [ $failures -eq 0 ]

@@ -166,8 +166,12 @@ std::size_t PathName::LeafStart() const
     for (std::size_t i = m_sPath.size(); i > 0; --i) {
         if (IsPathSeparator(m_sPath[i - 1])) return i;
     }
-    const std::size_t nLastBase = m_sPath.rfind(m_pszBaseSeparator[0]);
-    return nLastBase == npos ? 0 : nLastBase + 1;
+    if (IsUNC()) {
+        const std::size_t nLastBase = m_sPath.rfind(m_pszBaseSeparator[0]);
+        return nLastBase == npos ? 0 : nLastBase + 1;
+    }
+    const std::size_t nColon = DriveColon();
+    return nColon == npos ? 0 : nColon + 1;
 }
 
 std::size_t PathName::ExtDot(std::size_t nLeafStart) const
@@ -186,9 +190,34 @@ bool PathName::IsUNC() const
     return m_sPath.size() >= 2 && m_sPath[0] == '\\' && m_sPath[1] == '\\';
 }
 
+std::size_t PathName::DriveColon() const
+{
+    if (m_pszSeparators == sUNIX_SEPARATORS) {
+        // The UNIX format's base is a name of its own ("host:/x"): the text in front of a colon
+        // in the first component.
+        const std::size_t nColon = m_sPath.find(':');
+        if (nColon == 0 || nColon == npos || m_sPath.find('/') < nColon) return npos;
+        return nColon;
+    }
+    // NT: a drive letter.
+    const bool bDrive = m_sPath.size() >= 2 && m_sPath[1] == ':' && std::isalpha(static_cast<unsigned char>(m_sPath[0])) != 0;
+    return bDrive ? 1 : npos;
+}
+
+bool PathName::HasDrive() const
+{
+    return DriveColon() != npos;
+}
+
+std::size_t PathName::BaseSeparatorIndex() const
+{
+    if (IsUNC()) return m_sPath.find(m_pszBaseSeparator[0], 2);
+    return DriveColon();
+}
+
 std::string PathName::GetBase() const
 {
-    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0], IsUNC() ? 2 : 0);
+    const std::size_t nBase = BaseSeparatorIndex();
     return nBase == npos ? std::string() : m_sPath.substr(0, nBase);
 }
 
@@ -196,7 +225,7 @@ std::string PathName::GetBranch() const
 {
     const std::size_t nLastSeparator = m_sPath.find_last_of(m_pszSeparators);
     if (nLastSeparator == npos) return std::string();
-    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0], IsUNC() ? 2 : 0);
+    const std::size_t nBase = BaseSeparatorIndex();
     // A UNC branch starts at its base separator (a backslash), a drive's branch behind the colon.
     const std::size_t nStart = nBase == npos ? 0 : (IsUNC() ? nBase : nBase + 1);
     if (nLastSeparator < nStart) return std::string();
@@ -235,7 +264,7 @@ std::string PathName::GetLeafAndExt() const
 
 bool PathName::HasBase() const
 {
-    return IsUNC() || m_sPath.find(m_pszBaseSeparator[0]) != npos;
+    return IsUNC() || HasDrive();
 }
 
 bool PathName::HasBranch() const
@@ -263,9 +292,8 @@ bool PathName::IsAbsolute() const
     // Linux rule 1: the root of the file system.
     if (m_sPath[0] == '/') return true;
     if (IsPathSeparator(m_sPath[0])) return false;
-    const std::size_t nBase = m_sPath.find(m_pszBaseSeparator[0]);
-    if (nBase == npos) return false;
-    return nBase + 1 < m_sPath.size() && IsPathSeparator(m_sPath[nBase + 1]);
+    const std::size_t nColon = DriveColon();
+    return nColon != npos && nColon + 1 < m_sPath.size() && IsPathSeparator(m_sPath[nColon + 1]);
 }
 
 bool PathName::IsRelative() const
@@ -283,14 +311,22 @@ bool PathName::IsValid() const
     const bool bUNC = IsUNC();
     const std::size_t nStart = bUNC ? 2 : 0;
     const char szBase[2] = {m_pszBaseSeparator[0], '\0'};
+    // Linux: a colon is an ordinary character of a name behind the first component
+    // ("/data/12:30/"); in the first component only a drive's colon may stand, so that `:.txt`
+    // and `ab:c` stay invalid as they are on Windows.
+    const std::size_t nFirstSeparator = s.find_first_of(m_pszSeparators, nStart);
+    const std::size_t nDriveColon = DriveColon();
+    for (std::size_t i = s.find(':'); i != npos; i = s.find(':', i + 1)) {
+        const bool bDriveColon = i == nDriveColon;
+        if (!bDriveColon && (nFirstSeparator == npos || i < nFirstSeparator)) return false;
+    }
     auto isValidChar = [this](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) != 0 || InSet(c, m_pszValidChars);
+        return c == ':' || std::isalnum(static_cast<unsigned char>(c)) != 0 || InSet(c, m_pszValidChars);
     };
 
     Tokenizer tokens(s, nStart);
     std::string_view token;
-    if (s.find(szBase[0], nStart) != npos) {
-        if (!bUNC && s.find(':') != s.rfind(':')) return false;
+    if (bUNC ? s.find(szBase[0], nStart) != npos : HasDrive()) {
         // A text of nothing but base separators (":", or `\\` followed by backslashes alone) has
         // no base in front of them: invalid.
         if (!tokens.Next(szBase, token)) return false;
@@ -559,13 +595,7 @@ bool PathName::UpDir()
 bool PathName::HasForeignBase() const
 {
     if (IsUNC()) return true;
-    if (m_sPath.empty() || m_sPath[0] == '/') return false;
-    // A drive: a colon in the first component.
-    for (char c : m_sPath) {
-        if (c == ':') return true;
-        if (IsPathSeparator(c)) return false;
-    }
-    return false;
+    return HasDrive();
 }
 
 std::string PathName::FileSystemText(bool bStripTrailingSeparator) const

@@ -45,7 +45,36 @@ std::string ToTag(const char* icuId)
     return std::string(tag, static_cast<std::size_t>(length));
 }
 
-// The available locales: ICU identifiers in ICU's order, and their tags by lower-case identifier.
+std::string Part(int32_t (*function)(const char*, char*, int32_t, UErrorCode*), const std::string& id);
+
+// ICU's likely full form of an identifier ("zh_CN" -> "zh_Hans_CN"), or empty.
+std::string Likely(const std::string& id)
+{
+    char full[ULOC_FULLNAME_CAPACITY];
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t length = uloc_addLikelySubtags(id.c_str(), full, sizeof(full), &status);
+    if (U_FAILURE(status) || status == U_STRING_NOT_TERMINATED_WARNING || length <= 0) return std::string();
+    return std::string(full, static_cast<std::size_t>(length));
+}
+
+// The name a user writes for an available locale. ICU lists some locales only with their script
+// ("zh_Hans_CN", "pa_Guru_IN"); where the script is the one the language and region imply, the
+// name without it ("zh-CN", "pa-IN") means the same locale and is what users and LANG give. A
+// script that is not implied stays ("zh-Hans-HK", "sr-Latn-RS").
+std::string UserTag(const std::string& id)
+{
+    const std::string script = Part(uloc_getScript, id);
+    const std::string region = Part(uloc_getCountry, id);
+    const std::string variant = Part(uloc_getVariant, id);
+    if (!script.empty() && !region.empty() && variant.empty()) {
+        const std::string shorter = Part(uloc_getLanguage, id) + "_" + region;
+        if (Lower(Likely(shorter)) == Lower(id)) return ToTag(shorter.c_str());
+    }
+    return ToTag(id.c_str());
+}
+
+// The available locales: ICU identifiers in ICU's order, the names users write for them, and
+// those names by lower-case identifier.
 struct Available
 {
     std::vector<std::string> ids;
@@ -57,7 +86,7 @@ struct Available
         for (int32_t i = 0; i < count; ++i) {
             const char* id = uloc_getAvailable(i);
             if (!id) continue;
-            std::string tag = ToTag(id);
+            std::string tag = UserTag(id);
             if (tag.empty()) continue;
             ids.emplace_back(id);
             tagByLowerId.emplace(Lower(id), tag);
@@ -114,12 +143,22 @@ std::string Part(int32_t (*function)(const char*, char*, int32_t, UErrorCode*), 
     return std::string(buffer, static_cast<std::size_t>(length));
 }
 
-// The canonical identifier of a valid name, or empty.
+// The identifier of the available locale that a name stands for, or empty when it stands for
+// none. A name stands for a locale that ICU lists under it, or under the fuller form that ICU's
+// likely-subtags rules give it ("zh-CN" is "zh_Hans_CN"); a name without a language ("und-CN")
+// stands for none.
 std::string ValidId(const std::string& name)
 {
     std::string id = ToIcuId(name);
     if (id.empty()) return id;
-    return AvailableLocales().tagByLowerId.count(Lower(id)) ? id : std::string();
+    const auto& available = AvailableLocales().tagByLowerId;
+    if (available.count(Lower(id))) return id;
+    if (Part(uloc_getLanguage, id).empty()) return std::string();
+    std::string likely = Likely(id);
+    if (likely.empty() || !available.count(Lower(likely))) return std::string();
+    // Only the script may be filled in: a region the name did not give would make another locale.
+    if (Lower(Part(uloc_getCountry, likely)) != Lower(Part(uloc_getCountry, id))) return std::string();
+    return likely;
 }
 
 } // namespace
@@ -170,9 +209,14 @@ unsigned long LocaleNameToId(const std::string& name)
     char back[ULOC_FULLNAME_CAPACITY];
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = uloc_getLocaleForLCID(lcid, back, sizeof(back), &status);
-    if (U_FAILURE(status) || length <= 0 || Lower(std::string(back, static_cast<std::size_t>(length))) != Lower(id))
-        return 0x1000;
-    return lcid;
+    if (U_FAILURE(status) || length <= 0) return 0x1000;
+    const std::string backId(back, static_cast<std::size_t>(length));
+    if (Lower(backId) == Lower(id)) return lcid;
+    // ICU names some identifiers without the implied script ("zh_CN" for zh_Hans_CN): the same
+    // locale, when the region is the same and the script the implied one.
+    if (Lower(Part(uloc_getCountry, backId)) == Lower(Part(uloc_getCountry, id)) && Lower(Likely(backId)) == Lower(id))
+        return lcid;
+    return 0x1000;
 }
 
 void EnumerateLocales(const std::function<void(const std::string&)>& each)
@@ -200,11 +244,21 @@ void EnumerateLocales(const std::function<void(const std::string&)>& each)
         }
         const std::string* first = nullptr;
         for (const std::string* id : list) {
-            if (!likely.empty() && Lower(*id) == likely) first = id;
+            std::string tag = Lower(available.tagByLowerId.at(Lower(*id)));
+            std::replace(tag.begin(), tag.end(), '-', '_');
+            if (!likely.empty() && tag == likely) first = id;
         }
-        if (first) each(available.tagByLowerId.at(Lower(*first)));
+        // A name is given once, even where ICU lists a locale with and without its script.
+        std::vector<std::string> given;
+        auto give = [&](const std::string* id) {
+            const std::string& tag = available.tagByLowerId.at(Lower(*id));
+            if (std::find(given.begin(), given.end(), tag) != given.end()) return;
+            given.push_back(tag);
+            each(tag);
+        };
+        if (first) give(first);
         for (const std::string* id : list) {
-            if (id != first) each(available.tagByLowerId.at(Lower(*id)));
+            if (id != first) give(id);
         }
     }
 }

@@ -9,8 +9,10 @@
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
+#include "Infrastructure/QelCore/Utilities/Immortal.h"
 
 #include <atomic>
+#include <cstdint>
 #include <iostream>
 
 namespace Qel::Core {
@@ -99,11 +101,28 @@ ManagedGlobals::~ManagedGlobals()
     }
 }
 
-void ManagedGlobals::Append(std::shared_ptr<GlobalEntryBase> entry)
+void* ManagedGlobals::Append(std::shared_ptr<GlobalEntryBase> entry)
+{
+    std::shared_ptr<GlobalEntryBase> late; // a second object built for a taken key goes outside the lock
+    Lock guard(m_Lock);
+    auto [found, added] = m_Index.try_emplace(entry->GetKey(), entry.get());
+    if (!added) {
+        late = std::move(entry);
+        void* present = found->second->Object();
+        guard.Release();
+        return present;
+    }
+    void* object = entry->Object();
+    m_Entries.push_back(std::move(entry));
+    return object;
+}
+
+void* ManagedGlobals::Find(const std::string& key, const std::type_info& type) const
 {
     Lock guard(m_Lock);
-    m_Index[entry->GetKey()] = entry.get();
-    m_Entries.push_back(std::move(entry));
+    auto found = m_Index.find(key);
+    if (found == m_Index.end() || found->second->ObjectType() != type) return nullptr;
+    return found->second->Object();
 }
 
 void ManagedGlobals::RemoveKey(const std::string& key)
@@ -196,6 +215,19 @@ std::size_t SingletonRegistry::Size()
 {
     Lock guard(Frame::SingletonMutex());
     return Frame::SingletonList().size();
+}
+
+SingletonSlot& SingletonRegistry::SlotOf(const std::type_info& type)
+{
+    // Slots are never destroyed: a module may still hold a reference to one after the library's
+    // own statics are gone. The map's nodes do not move, so references stay valid as it grows.
+    static Utilities::Immortal<std::unordered_map<std::string, SingletonSlot>> s_Slots;
+    // A class local to one module carries a leading '*' in its type name; the same name in
+    // another module is another class, so its key also holds the address of the type information.
+    std::string key = type.name();
+    if (!key.empty() && key[0] == '*') key += '@' + std::to_string(reinterpret_cast<std::uintptr_t>(&type));
+    Lock guard(Frame::SingletonMutex());
+    return s_Slots.Get().try_emplace(key).first->second;
 }
 
 void SingletonRegistry::DestroyAllSingletons()

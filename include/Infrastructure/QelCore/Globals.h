@@ -48,7 +48,13 @@ class QEL_CORE_API GlobalEntryBase
 public:
     explicit GlobalEntryBase(std::string key) : m_sKey(std::move(key)) {}
     virtual ~GlobalEntryBase();
+    // The owned object, untyped.
+    virtual void* Object() const = 0;
     const std::string& GetKey() const { return m_sKey; }
+    // The class of the owned object. Compared with type_info's equality, which matches a class
+    // by name across the library, the host and its modules (each holds its own copy of the
+    // type information of a class built with hidden visibility).
+    virtual const std::type_info& ObjectType() const = 0;
 
 private:
     std::string m_sKey;
@@ -62,6 +68,8 @@ public:
     // Built with new, not make_shared: a class that only its Global may build befriends Global<T>.
     explicit Global(std::string key) : GlobalEntryBase(std::move(key)), m_spObject(new T()) {}
     T* Get() const { return m_spObject.get(); }
+    const std::type_info& ObjectType() const override { return typeid(T); }
+    void* Object() const override { return m_spObject.get(); }
 
 private:
     std::shared_ptr<T> m_spObject;
@@ -78,25 +86,24 @@ public:
     virtual ~ManagedGlobals();
 
     // Builds a T (outside the lock: a T that adds globals in its constructor ends up behind
-    // them) and appends it under `name`.
+    // them) and appends it under `name`. There is one object per name and class in a registry:
+    // when the name is taken already (by whichever module asked first), that object is given
+    // and no second one is kept.
     template <typename T>
     T* Add(const std::string& name)
     {
+        if (T* present = Get<T>(name)) return present;
         auto entry = std::make_shared<Global<T>>(KeyOf<T>(name));
-        T* object = entry->Get();
-        Append(std::move(entry));
-        return object;
+        return static_cast<T*>(Append(std::move(entry)));
     }
 
-    // The object registered under `name` with class T, or null.
+    // The object registered under `name` with class T, or null. Works from any module of the
+    // process: the class is matched by type_info equality, not by a dynamic cast (which fails
+    // across modules for classes built with hidden visibility).
     template <typename T>
     T* Get(const std::string& name)
     {
-        Lock guard(m_Lock);
-        auto found = m_Index.find(KeyOf<T>(name));
-        if (found == m_Index.end()) return nullptr;
-        auto* entry = dynamic_cast<Global<T>*>(found->second);
-        return entry == nullptr ? nullptr : entry->Get();
+        return static_cast<T*>(Find(KeyOf<T>(name), typeid(T)));
     }
 
     // Takes the entry out and destroys its object outside the lock; an unknown name is ignored.
@@ -119,7 +126,10 @@ private:
     {
         return name + TypeName(typeid(T));
     }
-    void Append(std::shared_ptr<GlobalEntryBase> entry);
+    // Enters `entry` unless its key is there already; gives the object kept under the key.
+    void* Append(std::shared_ptr<GlobalEntryBase> entry);
+    // The object under `key` when it is of class `type`, else null.
+    void* Find(const std::string& key, const std::type_info& type) const;
     void RemoveKey(const std::string& key);
 
     mutable FrameMutex m_Lock;
@@ -158,6 +168,13 @@ public:
     virtual void Destroy() = 0;
 };
 
+// The instance of one singleton class: kept by the library, one per class in the process.
+struct SingletonSlot
+{
+    std::atomic<void*> m_pInstance{nullptr};
+    FrameMutex m_Mutex; // guards building and destroying the instance
+};
+
 // The list of lazily built singletons, destroyed newest first by Shutdown.
 class QEL_CORE_API SingletonRegistry
 {
@@ -167,6 +184,11 @@ public:
     static void Unregister(const ISingletonRegistryEntry* entry);
     // Number of registered entries.
     static std::size_t Size();
+    // The slot of the class `type`, made on first use and kept for the life of the process. A
+    // class is one class whichever module asks (the host, the library, a plug-in): the slot is
+    // found by the class's type name, except for classes local to one module (anonymous
+    // namespaces), which each module has for itself.
+    static SingletonSlot& SlotOf(const std::type_info& type);
 
 private:
     SingletonRegistry();
@@ -177,27 +199,29 @@ private:
 };
 
 // Base of a class that wants one lazily built instance. The instance is built by the first
-// Instance() (once, whatever the number of threads asking) and destroyed by Shutdown; a later
-// Instance() builds a new one.
+// Instance() (once, whatever the number of threads and modules asking) and destroyed by
+// Shutdown; a later Instance() builds a new one. The instance pointer lives in the library, not
+// in this template, so a host and the modules it loads all share one instance.
 template <typename T>
 class Singleton : public ISingletonRegistryEntry
 {
 public:
     static T* Instance()
     {
-        T* instance = s_pSingleton.load(std::memory_order_acquire);
-        if (instance != nullptr) return instance;
-        Lock guard(SingletonMutex());
-        instance = s_pSingleton.load(std::memory_order_relaxed);
+        SingletonSlot& slot = Slot();
+        void* instance = slot.m_pInstance.load(std::memory_order_acquire);
+        if (instance != nullptr) return static_cast<T*>(instance);
+        Lock guard(slot.m_Mutex);
+        instance = slot.m_pInstance.load(std::memory_order_relaxed);
         if (instance == nullptr) {
             instance = new T();
-            s_pSingleton.store(instance, std::memory_order_release);
+            slot.m_pInstance.store(instance, std::memory_order_release);
         }
-        return instance;
+        return static_cast<T*>(instance);
     }
 
     // Whether the instance exists; takes no lock.
-    static bool IsInstantiated() { return s_pSingleton.load(std::memory_order_acquire) != nullptr; }
+    static bool IsInstantiated() { return Slot().m_pInstance.load(std::memory_order_acquire) != nullptr; }
 
 protected:
     Singleton() { SingletonRegistry::Register(this); }
@@ -205,18 +229,19 @@ protected:
 
     void Destroy() override
     {
-        Lock guard(SingletonMutex());
-        T* instance = s_pSingleton.exchange(nullptr, std::memory_order_acq_rel);
+        SingletonSlot& slot = Slot();
+        Lock guard(slot.m_Mutex);
+        T* instance = static_cast<T*>(slot.m_pInstance.exchange(nullptr, std::memory_order_acq_rel));
         delete instance;
     }
 
 private:
-    static FrameMutex& SingletonMutex()
+    // Each module caches the reference; the slot itself never moves or goes.
+    static SingletonSlot& Slot()
     {
-        static FrameMutex s_Mutex;
-        return s_Mutex;
+        static SingletonSlot& s_Slot = SingletonRegistry::SlotOf(typeid(T));
+        return s_Slot;
     }
-    static inline std::atomic<T*> s_pSingleton{nullptr};
 };
 
 namespace Memory {

@@ -27,9 +27,12 @@
 //  3. File-system operations turn `\` into `/` (NT format only: in the UNIX format the backslash
 //     is part of a name). A path with a drive letter or a UNC base has no meaning on Linux: every
 //     file-system operation on it fails (false, or 0 for GetLength), so no folder named `C:` is
-//     ever created. A path has a drive letter when it does not start with `/` and a colon stands
-//     in its first component (`C:\x`, `C:x`, `a:b`); a colon further on, as in `/tmp/12:30.log`,
-//     is an ordinary character for the file system.
+//     ever created. A path has a drive letter when a letter and a colon are its first two
+//     characters (`C:\x`, `C:x`, `a:b`). Every other colon is an ordinary character of a name,
+//     as it is for the file system: `/data/logs:2024/run/`, `/tmp/12:30.log`, `12:30/` have no
+//     base. IsValid takes such a colon behind the first component (`/data/12:30/`); in the first
+//     component it stays invalid as on Windows (`:.txt`, `ab:c`). (The UNIX format keeps its
+//     longer base: the text in front of a colon in the first component, `host:/x`.)
 // Further, on Linux: Delete removes a file with unlink and so never removes a folder in its
 // place; Rename never replaces an existing target; ForceAbsolute is lexical (the current folder
 // followed by the text, `.` and `..` collapsed, symbolic links not resolved).
@@ -240,13 +243,20 @@ private:
     void SetNT();
     void SetUNIX();
 
-    // Index where the leaf starts: behind the last separator, else behind the last base
-    // separator, else 0.
+    // Index where the leaf starts: behind the last separator, else behind the base separator,
+    // else 0.
     std::size_t LeafStart() const;
     // Index of the dot in front of the extension, or npos; the leaf starts at `nLeafStart`.
     std::size_t ExtDot(std::size_t nLeafStart) const;
     // True for a drive-letter or UNC path, which the file-system operations refuse (rule 3).
     bool HasForeignBase() const;
+    // Index of the colon that ends a drive (NT: a letter and a colon as the first two
+    // characters) or the UNIX format's base (a colon in the first component), else npos.
+    std::size_t DriveColon() const;
+    bool HasDrive() const;
+    // Index of the base separator: the drive's colon, the backslash that ends a UNC server, or
+    // npos for a path without base.
+    std::size_t BaseSeparatorIndex() const;
     // The branch with each of its separators written as the preferred one, so that splitting it
     // at the preferred separator gives its directories also when the text mixes the two slashes.
     std::string UniformBranch() const;
