@@ -114,6 +114,19 @@ TEST(ManagedGlobals, LookUpNeedsNameAndClassAndRemoveIgnoresUnknownNames)
     EXPECT_EQ(g_Log, expected);
 }
 
+TEST(ManagedGlobals, ATakenNameGivesTheObjectAlreadyThere)
+{
+    g_Log.clear();
+    ManagedGlobals registry;
+    g_pRegistry = &registry;
+    Inner* first = registry.Add<Inner>("Inner");
+    EXPECT_EQ(registry.Add<Inner>("Inner"), first);
+    EXPECT_EQ(registry.Size(), 1u);
+    registry.DestroyAll();
+    std::vector<std::string> expected{"+Inner", "-Inner"}; // one object built, one destroyed
+    EXPECT_EQ(g_Log, expected);
+}
+
 TEST(ManagedGlobals, LibraryGlobalsHoldTheirFixedTexts)
 {
     EXPECT_EQ(Globals::Instance().m_sDefaultLocale, "en-US");
