@@ -7,6 +7,9 @@
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -15,6 +18,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace QelTest {
 
@@ -44,6 +51,69 @@ inline bool Eventually(const std::function<bool()>& condition,
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+// Ends the test program with status 124 and a line on standard error when the scope does not end
+// within the limit: a regression that hangs fails instead of stalling the run.
+class Watchdog
+{
+public:
+    Watchdog(std::chrono::milliseconds limit, std::string what) : m_What(std::move(what))
+    {
+        m_Thread = std::thread([this, limit] {
+            std::unique_lock<std::mutex> guard(m_Mutex);
+            if (!m_Done.wait_for(guard, limit, [this] { return m_bDone; })) {
+                std::fprintf(stderr, "watchdog: %s did not end in time\n", m_What.c_str());
+                std::fflush(stderr);
+                std::_Exit(124);
+            }
+        });
+    }
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> guard(m_Mutex);
+            m_bDone = true;
+        }
+        m_Done.notify_all();
+        m_Thread.join();
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    std::string m_What;
+    std::mutex m_Mutex;
+    std::condition_variable m_Done;
+    bool m_bDone = false;
+    std::thread m_Thread;
+};
+
+// Runs the body in a forked child that an alarm ends after `seconds`; the child exits with the
+// body's result (through _exit, so that nothing of the parent's test run happens twice). Gives
+// "exit N", or "signal N" for a child that a signal ended (14, SIGALRM: it hung).
+inline std::string RunInChild(const std::function<int()>& body, unsigned seconds = 20)
+{
+    std::fflush(nullptr);
+    pid_t child = ::fork();
+    if (child < 0) return "fork failed";
+    if (child == 0) {
+        ::alarm(seconds);
+        int result = 1;
+        try {
+            result = body();
+        } catch (...) {
+            result = 3;
+        }
+        std::fflush(nullptr);
+        ::_exit(result);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+    }
+    if (WIFEXITED(status)) return "exit " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "status " + std::to_string(status);
 }
 
 // Collects the debug output while it lives.

@@ -25,10 +25,14 @@ TempDir::TempDir()
     char name[] = "/tmp/LogTests.XXXXXX";
     if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
     m_Path = std::string(name) + "/";
+    m_Creator = ::getpid();
 }
 
 TempDir::~TempDir()
 {
+    // A forked child that leaves through exit runs the destructors of static ones: the folder is
+    // the parent's.
+    if (::getpid() != m_Creator) return;
     std::error_code error;
     // The locks of the entries files live in /dev/shm beyond the folder: remove them too.
     std::vector<std::string> folders{m_Path};

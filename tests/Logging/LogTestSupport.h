@@ -28,7 +28,7 @@
 namespace LogTest {
 
 // A folder of its own under /tmp, removed (with the cross-process locks of the log files that were
-// opened in it or in its sub-folders) when the object goes.
+// opened in it or in its sub-folders) when the object goes in the process that made it.
 class TempDir
 {
 public:
@@ -44,6 +44,7 @@ public:
 
 private:
     std::string m_Path;
+    int m_Creator = 0; // the process that made it, and alone removes it
 };
 
 using QelTest::Eventually;

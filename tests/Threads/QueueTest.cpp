@@ -10,6 +10,8 @@
 #include <set>
 #include <thread>
 
+#include <pthread.h>
+
 using namespace Qel::Core;
 
 namespace {
@@ -344,4 +346,46 @@ TEST(ThreadPool, FourThreadsRunAHundredThousandTasksAndStopPromptly)
     auto shutdown = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
     RecordProperty("ShutdownMilliseconds", static_cast<int>(shutdown.count()));
     std::printf("pool shutdown took %lld ms\n", static_cast<long long>(shutdown.count()));
+}
+
+TEST(ThreadPool, StartingTwiceAssertsAndTheSecondCallReturns)
+{
+    QelTest::Watchdog watchdog(std::chrono::seconds(60), "ThreadPool::Start twice");
+    QelTest::DebugCapture debug;
+    auto collect = std::make_shared<Collect>();
+    ThreadPool<int> pool("Twice", 2);
+    pool.Start();
+    pool.Start();
+    int asserted = 0;
+    for (const std::string& text : debug.Texts())
+        asserted += text.find("Failed Assertion(IsState(eTHREAD_NOT_RUNNING))") != std::string::npos;
+    EXPECT_EQ(asserted, 2); // once per thread of the pool
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(pool.Enqueue(collect, i));
+    EXPECT_TRUE(pool.WaitUntilIdle(Elapse(10, Elapse::Seconds)));
+    EXPECT_EQ(collect->values.size(), 10u);
+}
+
+TEST(ThreadPool, ACallbackThatEndsItsThreadCountsAsDoneAndThePoolGoesOn)
+{
+    QelTest::Watchdog watchdog(std::chrono::seconds(60), "pthread_exit in a pool callback");
+    struct Exiting : CallbackArg<int>
+    {
+        void operator()(int) override { ::pthread_exit(nullptr); }
+    };
+    auto collect = std::make_shared<Collect>();
+    ThreadPool<int> pool("Exits", 2);
+    pool.Start();
+    ASSERT_TRUE(pool.Enqueue(std::make_shared<Exiting>(), 0));
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(pool.Enqueue(collect, i));
+    EXPECT_TRUE(pool.WaitUntilIdle(Elapse(10, Elapse::Seconds)));
+    EXPECT_EQ(pool.GetPending(), 0);
+    EXPECT_EQ(collect->values.size(), 10u);
+    int ended = 0;
+    for (const auto& thread : pool.GetThreads()) {
+        if (!thread->IsState(Thread::eTHREAD_ERROR)) continue;
+        ++ended;
+        ASSERT_NE(thread->GetLastError(), nullptr);
+        EXPECT_NE(dynamic_cast<Thread::OSThreadTermination*>(thread->GetLastError().get()), nullptr);
+    }
+    EXPECT_EQ(ended, 1);
 }

@@ -11,6 +11,9 @@
 #include <sstream>
 #include <thread>
 
+#include <pthread.h>
+#include <unistd.h>
+
 using namespace Qel::Core;
 
 namespace {
@@ -441,4 +444,94 @@ TEST(Thread, LaunchThreadRunsACallbackOnANewThread)
     EXPECT_EQ(s_Calls.load(), 1);
     EXPECT_EQ(thread->GetResult(), 1); // true as an int
     EXPECT_EQ(thread->GetName().rfind("QelThread ", 0), 0u);
+}
+
+// ---- a thread ended behind the library's back ----
+
+namespace {
+
+// What a thread that the C library ended (pthread_exit, cancellation) must look like: the error
+// state with OSThreadTermination, told to the listeners once, no completion.
+void ExpectEndedBehindTheLibrarysBack(Thread& thread, Recorder& recorder, const std::string& name)
+{
+    EXPECT_TRUE(thread.TimedWaitForState(Thread::eTHREAD_NOT_RUNNING, Elapse(10, Elapse::Seconds)));
+    EXPECT_TRUE(thread.IsState(Thread::eTHREAD_ERROR));
+    EXPECT_FALSE(thread.IsAlive());
+    ASSERT_NE(thread.GetLastError(), nullptr);
+    EXPECT_NE(dynamic_cast<Thread::OSThreadTermination*>(thread.GetLastError().get()), nullptr);
+    EXPECT_EQ(thread.GetLastError()->GetMessageA(), "Thread named " + name + " terminated by OS before thread ended");
+    EXPECT_TRUE(Eventually([&] { return recorder.errors.load() == 1; }));
+    EXPECT_EQ(recorder.errorMessage, "Thread named " + name + " terminated by OS before thread ended");
+    EXPECT_EQ(recorder.completes.load(), 0);
+}
+
+} // namespace
+
+TEST(Thread, PthreadExitInATaskEndsTheThreadAndTheProcessGoesOn)
+{
+    QelTest::Watchdog watchdog(std::chrono::seconds(60), "pthread_exit in a task");
+    std::weak_ptr<Thread> weak;
+    {
+        auto thread = Thread::Create("Exiting");
+        weak = thread;
+        Recorder recorder;
+        thread->AddListener(recorder);
+        ASSERT_TRUE(thread->Start(MakeTask([](TaskDirective&) -> int { ::pthread_exit(nullptr); }),
+                                  Elapse(5, Elapse::Seconds)));
+        ExpectEndedBehindTheLibrarysBack(*thread, recorder, "Exiting");
+        thread->RemoveListener(recorder);
+        // The object can run again.
+        ASSERT_TRUE(thread->Start(MakeTask([](TaskDirective&) { return 5; }), Elapse(5, Elapse::Seconds)));
+        ASSERT_TRUE(thread->WaitFor(nullptr));
+        EXPECT_TRUE(thread->HasCompleted());
+        EXPECT_EQ(thread->GetResult(), 5);
+    }
+    // The ended thread let go of its object: nothing keeps it.
+    EXPECT_TRUE(Eventually([&] { return weak.expired(); }));
+}
+
+TEST(Thread, ACancelledTaskEndsTheThreadAndTheProcessGoesOn)
+{
+    QelTest::Watchdog watchdog(std::chrono::seconds(60), "pthread_cancel of a task");
+    auto thread = Thread::Create("Cancelled");
+    Recorder recorder;
+    thread->AddListener(recorder);
+    std::atomic<bool> entered{false};
+    pthread_t target{};
+    ASSERT_TRUE(thread->Start(MakeTask([&](TaskDirective&) -> int {
+                                  target = ::pthread_self();
+                                  entered = true;
+                                  for (;;) ::usleep(1000); // a cancellation point
+                              }),
+                              Elapse(5, Elapse::Seconds)));
+    ASSERT_TRUE(Eventually([&] { return entered.load(); }));
+    ASSERT_EQ(::pthread_cancel(target), 0);
+    ExpectEndedBehindTheLibrarysBack(*thread, recorder, "Cancelled");
+    thread->RemoveListener(recorder);
+}
+
+// ---- Start on a thread that runs ----
+
+TEST(Thread, StartOnARunningThreadAssertsAndReturnsFalse)
+{
+    QelTest::Watchdog watchdog(std::chrono::seconds(60), "Start on a running thread");
+    QelTest::DebugCapture debug;
+    auto thread = Thread::Create("Busy");
+    auto first = std::make_shared<PollingTask>();
+    ASSERT_TRUE(thread->Start(first, Elapse(5, Elapse::Seconds)));
+    ASSERT_TRUE(Eventually([&] { return first->entered.load(); }));
+    auto second = std::make_shared<PollingTask>();
+    EXPECT_FALSE(thread->Start(second, Elapse(0, Elapse::Seconds)));
+    EXPECT_FALSE(thread->Start(second, Elapse(1, Elapse::Seconds)));
+    int asserted = 0;
+    for (const std::string& text : debug.Texts())
+        asserted += text.find("Failed Assertion(IsState(eTHREAD_NOT_RUNNING))") != std::string::npos;
+    EXPECT_EQ(asserted, 2);
+    // The first task runs on, untouched.
+    EXPECT_TRUE(thread->IsRunning());
+    EXPECT_EQ(thread->GetTask(), first);
+    EXPECT_FALSE(second->entered.load());
+    EXPECT_TRUE(thread->Stop(Elapse(5, Elapse::Seconds)));
+    EXPECT_EQ(thread->GetResult(), 7);
+    EXPECT_EQ(thread->GetLastError(), nullptr);
 }

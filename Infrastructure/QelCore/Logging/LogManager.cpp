@@ -8,6 +8,7 @@
 #include "Infrastructure/QelCore/PathName.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/SystemInfo.h"
+#include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
 #include "Infrastructure/QelCore/XMLWriter.h"
 
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -36,15 +38,23 @@ const unsigned int kDEFAULT_FILTERS = 46;
 std::atomic<bool> s_bLogManagerShutDown{false};
 std::atomic<bool> s_bRegisteringLogger{false};
 std::atomic<bool> s_bSendingDirectly{false};
+// Whether the calling thread is the one that set each flag (a fork's child keeps only its flags).
+thread_local bool t_bRegisteringLogger = false;
+thread_local bool t_bSendingDirectly = false;
 
 // Sets a process-wide flag for a scope, if it was clear; whether it was.
 class FlagScope
 {
 public:
-    explicit FlagScope(std::atomic<bool>& flag) : m_Flag(flag), m_bOwner(!flag.exchange(true)) {}
+    FlagScope(std::atomic<bool>& flag, bool& mine) : m_Flag(flag), m_bMine(mine), m_bOwner(!flag.exchange(true))
+    {
+        if (m_bOwner) m_bMine = true;
+    }
     ~FlagScope()
     {
-        if (m_bOwner) m_Flag.store(false);
+        if (!m_bOwner) return;
+        m_bMine = false;
+        m_Flag.store(false);
     }
     FlagScope(const FlagScope&) = delete;
     FlagScope& operator=(const FlagScope&) = delete;
@@ -52,6 +62,7 @@ public:
 
 private:
     std::atomic<bool>& m_Flag;
+    bool& m_bMine;
     bool m_bOwner;
 };
 
@@ -226,10 +237,12 @@ void Logger::DoWriteLog(QelLogSeverityEnum severity, FormatOnce& message, const 
 
 LogManager::LogManager()
     : m_pService(nullptr),
-      m_Queue(std::string(), nullptr, 1000, 100, 3000),
+      m_pQueue(std::make_unique<Queue<QelLogEntry>>(std::string(), nullptr, 1000, 100, 3000)),
       m_bHasHandlers(true),
       m_bBuffering(true)
 {
+    static std::once_flag s_ForkHandler;
+    std::call_once(s_ForkHandler, [] { Platform::AtForkChild(&LogManager::AfterForkInChild); });
     s_bLogManagerShutDown = false;
     if (AlertManager* alerts = AlertManager::Instance()) alerts->AddAlertListener(*this);
     InitLogPath();
@@ -268,6 +281,30 @@ std::string LogManager::CurrentLogPath() const
     return m_sLogPath;
 }
 
+void LogManager::AfterForkInChild()
+{
+    // The flags of the parent's other threads stay with them.
+    s_bRegisteringLogger.store(t_bRegisteringLogger);
+    s_bSendingDirectly.store(t_bSendingDirectly);
+    if (LogManager* manager = Instance()) manager->ContinueInChild();
+}
+
+void LogManager::ContinueInChild()
+{
+    // The worker is a thread of the parent: its object is kept as it is, never stopped or waited
+    // for here.
+    if (m_spThread) Platform::KeepForever(new std::shared_ptr<Thread>(std::move(m_spThread)));
+    // The queued entries are the parent's to deliver. The queue is left as the parent's threads
+    // left it (one may have been changing it) and the child starts with an empty one of its own.
+    std::string name = m_pQueue->GetName();
+    Platform::KeepForever(m_pQueue.release());
+    m_pQueue = std::make_unique<Queue<QelLogEntry>>(name, nullptr, 1000, 100, 3000);
+    m_iUndelivered = 0;
+    // The child delivers on the calling thread: no thread is started in a forked child unless
+    // its host asks for one (SetBufferingMode(true)).
+    m_bBuffering = false;
+}
+
 bool LogManager::WorkerIsOurs() const
 {
     return m_iWorkerProcess == Platform::ProcessId();
@@ -284,7 +321,7 @@ void LogManager::StopWorker(const Elapse& timeout)
     }
     if (!m_spThread->IsState(Thread::eTHREAD_NOT_RUNNING)) {
         m_spThread->Stop(Elapse(0, Elapse::Seconds));
-        m_Queue.SetReleased(true);
+        m_pQueue->SetReleased(true);
         m_spThread->TimedWaitForState(Thread::eTHREAD_NOT_RUNNING, timeout);
     }
     // The thread lets go of its own pointer to the object on its last instructions. The object
@@ -355,7 +392,7 @@ std::shared_ptr<Logger> LogManager::GetLogger(const std::string& path)
     std::shared_ptr<Logger> logger(new Logger(path));
     {
         ReaderLock service(m_ServiceLock);
-        FlagScope registering(s_bRegisteringLogger);
+        FlagScope registering(s_bRegisteringLogger, t_bRegisteringLogger);
         if (registering.Owner()) {
             try {
                 m_pService.load()->RegisterLogger(logger.get());
@@ -518,18 +555,18 @@ void LogManager::SetBufferingMode(bool buffering)
     if (m_bBuffering.load() == buffering) return;
     m_bBuffering = buffering;
     if (buffering) {
-        m_Queue.SetReleased(false);
+        m_pQueue->SetReleased(false);
         StartWorker();
         return;
     }
-    m_Queue.SetReleased(true);
-    if (m_Queue.GetCount() > 0 && m_spThread && WorkerIsOurs()) {
+    m_pQueue->SetReleased(true);
+    if (m_pQueue->GetCount() > 0 && m_spThread && WorkerIsOurs()) {
         // A bounded wait for the worker to deliver what is queued.
-        for (unsigned counter = 0; m_Queue.GetCount() > 0 && counter + 1 < m_Queue.GetCount(); ++counter)
+        for (unsigned counter = 0; m_pQueue->GetCount() > 0 && counter + 1 < m_pQueue->GetCount(); ++counter)
             QelSleep(100, Elapse::MilliSeconds, false);
     }
     StopWorker(Elapse(1, Elapse::Seconds));
-    m_Queue.Clear();
+    m_pQueue->Clear();
     m_iUndelivered = 0;
 }
 
@@ -551,7 +588,7 @@ void LogManager::Shutdown()
             QelSleep(1, Elapse::MilliSeconds, false);
         StopWorker(Elapse(10, Elapse::Seconds));
     }
-    m_Queue.Clear();
+    m_pQueue->Clear();
     m_iUndelivered = 0;
     if (!IsFatalExit() && !IsUnloading()) {
         while (!m_Loggers.empty()) {
@@ -657,11 +694,11 @@ void LogManager::Enqueue(QelLogEntry& entry)
         if (m_bBuffering.load(std::memory_order_relaxed)) {
             // A full queue drops the entry (the queue reports its watermarks itself).
             ++m_iUndelivered;
-            if (!m_Queue.Enqueue(std::move(entry))) --m_iUndelivered;
+            if (!m_pQueue->Enqueue(std::move(entry))) --m_iUndelivered;
             return;
         }
         // A message written during the direct delivery of another one is dropped.
-        FlagScope sending(s_bSendingDirectly);
+        FlagScope sending(s_bSendingDirectly, t_bSendingDirectly);
         if (sending.Owner()) SendLogMessage(entry, true);
     } catch (...) {
     }
@@ -675,10 +712,10 @@ bool LogManager::NextEntry(QelLogEntry& entry)
     // producer a wake-up call into the kernel.
     static const Elapse s_NoWait(0, Elapse::Seconds);
     for (int look = 0; look < 64; ++look) {
-        if (m_Queue.TimedDequeue(entry, s_NoWait)) return true;
+        if (m_pQueue->TimedDequeue(entry, s_NoWait)) return true;
         std::this_thread::yield();
     }
-    return m_Queue.Dequeue(entry);
+    return m_pQueue->Dequeue(entry);
 }
 
 int LogManager::Run(TaskDirective& directive)
@@ -692,7 +729,7 @@ int LogManager::Run(TaskDirective& directive)
         // A released queue gives false at once: wait for the stop that follows the release.
         if (!directive.MustStop()) directive.TimedWaitForStopRequest(Elapse(10, Elapse::MilliSeconds));
     }
-    m_Queue.Clear();
+    m_pQueue->Clear();
     m_iUndelivered = 0;
     return 0;
 }

@@ -1,6 +1,7 @@
 // Debug output: the Linux stand-in for the debugger channel of the original platform.
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
+#include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <unistd.h>
 
 namespace Qel::Core::Platform {
@@ -21,6 +23,14 @@ std::mutex& HookMutex()
     static Utilities::Immortal<std::mutex> s_Mutex;
     return s_Mutex.Get();
 }
+
+// A fork's child starts with the hook's lock free: a thread of the parent may have held it.
+void ResetHookLockInChild()
+{
+    new (&HookMutex()) std::mutex();
+}
+
+[[maybe_unused]] const bool s_bForkHandlerRegistered = (AtForkChild(&ResetHookLockInChild), true);
 
 DebugOutputHook& Hook()
 {

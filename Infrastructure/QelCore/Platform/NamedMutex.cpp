@@ -1,6 +1,7 @@
 // Named process-shared locks: robust recursive pthread mutexes in POSIX shared memory.
 #include "Infrastructure/QelCore/Platform/NamedMutex.h"
 
+#include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
 
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
 namespace Qel::Core::Platform {
@@ -46,6 +48,14 @@ Registry& Mappings()
     static Utilities::Immortal<Registry> s_Registry;
     return s_Registry.Get();
 }
+
+// A fork's child starts with the registry's lock free: a thread of the parent may have held it.
+void ResetRegistryLockInChild()
+{
+    new (&Mappings().lock) std::mutex();
+}
+
+[[maybe_unused]] const bool s_bForkHandlerRegistered = (AtForkChild(&ResetRegistryLockInChild), true);
 
 // Sets up the mutex of a new (or half-made) object; the caller holds the file lock.
 int InitShared(NamedMutex::Shared* shared)

@@ -5,7 +5,8 @@
 #include <csignal>
 #include <cstring>
 #include <atomic>
-#include <cxxabi.h>
+#include <exception>
+#include <new>
 #include <mutex>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -13,6 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "Infrastructure/QelCore/Platform/Locks.h"
+#include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/TimePlatform.h"
 #include "Infrastructure/QelCore/Utilities/Immortal.h"
 
@@ -46,15 +49,25 @@ struct StartBlock
     void* argument;
 };
 
+// Takes the mark of a finishing thread away when the thread leaves its entry, also when the C
+// library unwinds it (pthread_exit, cancellation).
+struct FinishingMark
+{
+    ~FinishingMark()
+    {
+        if (t_bFinishing) {
+            t_bFinishing = false;
+            g_iFinishing.fetch_sub(1);
+        }
+    }
+};
+
 void* ThreadMain(void* data)
 {
     StartBlock block = *static_cast<StartBlock*>(data);
     delete static_cast<StartBlock*>(data);
+    FinishingMark mark;
     block.entry(block.argument);
-    if (t_bFinishing) {
-        t_bFinishing = false;
-        g_iFinishing.fetch_sub(1);
-    }
     return nullptr;
 }
 
@@ -79,8 +92,41 @@ Graves& EndedThreads()
 
 void KillHandler(int)
 {
-    ::syscall(SYS_exit, 0);
+    // A thread in the middle of a wait's bookkeeping ends as soon as it is through.
+    if (PrepareForcedEnd()) EndCallingThreadNow();
 }
+
+// ---- fork ----
+
+constexpr int kMaxForkHandlers = 8;
+constinit std::atomic<void (*)()> g_ForkHandlers[kMaxForkHandlers] = {};
+constinit std::atomic<int> g_iForkHandlers{0};
+
+void ChildAfterFork()
+{
+    // The library's id of the forking thread: the locks it holds stay its own in the child.
+    g_iForkingThreadId.store(ThreadIdFast());
+    g_iForkGeneration.fetch_add(1);
+    // The parent's threads are not in the child: forget those that closed their own handles
+    // (their descriptors are the parent's) and those that were on their way out. The list's
+    // lock may have been held by one of them: the list starts afresh.
+    Graves& graves = EndedThreads();
+    if (graves.m_Threads.capacity() > 0) KeepForever(graves.m_Threads.data());
+    new (&graves) Graves();
+    g_iFinishing.store(t_bFinishing ? 1 : 0);
+    int count = g_iForkHandlers.load();
+    for (int i = 0; i < count && i < kMaxForkHandlers; ++i)
+        if (void (*handler)() = g_ForkHandlers[i].load()) handler();
+}
+
+void InstallForkHandler()
+{
+    static std::once_flag s_Installed;
+    std::call_once(s_Installed, [] { ::pthread_atfork(nullptr, nullptr, &ChildAfterFork); });
+}
+
+// Installed at load, so that every fork counts.
+[[maybe_unused]] const bool s_bForkHandlerInstalled = (InstallForkHandler(), true);
 
 void InstallKillHandler()
 {
@@ -213,15 +259,18 @@ std::string LastSystemErrorText()
     return SystemErrorText(errno);
 }
 
-bool CurrentExceptionEndsThread()
+void RethrowIfThreadEnding()
 {
-    try {
-        throw;
-    } catch (abi::__forced_unwind&) {
-        return true;
-    } catch (...) {
-        return false;
-    }
+    // The C library's unwinding is not a C++ exception, and std::current_exception has no object
+    // to give for such an exception. No exception of another language may be swallowed either.
+    if (!std::current_exception()) throw;
+}
+
+void AtForkChild(void (*function)())
+{
+    InstallForkHandler();
+    int slot = g_iForkHandlers.fetch_add(1);
+    if (slot < kMaxForkHandlers) g_ForkHandlers[slot].store(function);
 }
 
 } // namespace Qel::Core::Platform

@@ -21,8 +21,18 @@
 //   stack and thread block are never joined, freed or reused: the C library never cleaned up the
 //   thread's state in them (its thread-specific data, among others), and a new thread that got
 //   that memory would start with it. A kill costs the thread's stack in address space.
+//   A thread that is ended while it sleeps in a wait of the library gives back its place among the
+//   waiters on its way out (see Locks.h), so that the waits and destructors of those objects do
+//   not count it; a kill that comes in the middle of that bookkeeping takes effect right after it.
 // - Whether the operating system has ended a thread (GetExitCodeThread) is a non-blocking join
 //   attempt (pthread_tryjoin_np); a thread found ended is joined by it.
+// - The C library ends a thread in pthread_exit and on cancellation by unwinding its stack with an
+//   exception that is not a C++ one; a catch-all that swallows it aborts the process. Catch-alls
+//   on a thread's way let it through (RethrowIfThreadEnding).
+// - Fork without exec: the library's child handler counts the fork generation, notes the thread
+//   that forked (the only one that goes on), forgets the parent's threads (their handles name
+//   threads of the parent: never joined, detached or signalled in the child), and then runs the
+//   handlers that parts of the library registered with AtForkChild.
 #pragma once
 
 #include <cstdint>
@@ -72,8 +82,15 @@ bool HasThreadEnded(ThreadHandle& handle);
 // The text of the last system error of the calling thread.
 std::string LastSystemErrorText();
 
-// Whether the exception being handled is the C library's unwinding of an ending thread
-// (pthread_exit or cancellation), which a catch-all must let through. Call inside a catch block.
-bool CurrentExceptionEndsThread();
+// Call in a catch-all: rethrows the exception being handled if it is not a C++ exception, as the
+// C library's unwinding of an ending thread (pthread_exit, cancellation) is; returns otherwise.
+void RethrowIfThreadEnding();
+
+// ---- fork ----
+
+// Registers a function that runs in the child of a fork (without exec), on its one thread, before
+// fork returns there, after the library's own bookkeeping. Functions run in the order of
+// registration; at most 8 are kept.
+void AtForkChild(void (*function)());
 
 } // namespace Qel::Core::Platform

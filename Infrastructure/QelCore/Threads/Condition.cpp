@@ -1,4 +1,4 @@
-// The monitor: release-and-wait, the chained wake-up, and the main thread's polling waits.
+// The monitor: release-and-wait on a wake-up sequence, and the main thread's polling waits.
 #include "Infrastructure/QelCore/Condition.h"
 
 #include "Infrastructure/QelCore/Platform/Locks.h"
@@ -20,11 +20,14 @@ Platform::Deadline WaitDeadline(const Elapse& timeout)
 }
 } // namespace
 
+// A waiter reads the sequence while it holds the lock and sleeps until it moves on; a wake-up
+// moves it on. Nothing of a waiter stays behind in the object when it vanishes (a forced end, a
+// fork): the count of waiters only spares a wake-up call when nobody waits, and a dead waiter's
+// count is given back (see the platform layer).
 struct Condition::Impl
 {
     Platform::RecursiveTimedLock mutex;
-    Platform::AutoResetEvent conditionSignal;
-    Platform::AutoResetEvent broadcastCompleteSignal; // kept with the object; the wake-up does not use it
+    Platform::WakeSequence wake;
 };
 
 Condition::Condition(bool broadcastOnNotify)
@@ -79,60 +82,56 @@ void Condition::Unlock()
     if (MainThread::IsMain()) MainThread::RemoveHeldLock(this);
 }
 
-void Condition::FinishWait(int result)
-{
-    std::int32_t left = m_WaitCount.fetch_sub(1) - 1;
-    // Each woken waiter wakes the next until all who waited have passed; a time-out clears a
-    // wake-up that may be on its way.
-    if (result != Platform::WAIT_SIGNALLED) m_pImpl->conditionSignal.Reset();
-    else if (left > 0) m_pImpl->conditionSignal.Set();
-    Lock(Elapse::Infinite());
-}
-
 void Condition::Wait()
 {
     if (MainThread::IsMain()) {
         (void)TimedWait(Elapse::Infinite());
         return;
     }
-    m_WaitCount.fetch_add(1);
-    int result = m_pImpl->conditionSignal.ReleaseAndWaitUntil(m_pImpl->mutex,
-                                                              Platform::DeadlineAfterTicks(Elapse::Infinite().GetRawTimerTicks()));
-    FinishWait(result);
-    if (result == Platform::WAIT_TIMED_OUT) QEL_RAISE_ERROR(OSError("Infinite wait timed out!"), "Qel.Core.Condition");
+    {
+        // Counted and the sequence read before the lock goes: a wake-up after the release is
+        // never lost.
+        Platform::CountedWaiter counted(m_WaitCount);
+        std::uint32_t seen = m_pImpl->wake.Current();
+        m_pImpl->mutex.Unlock();
+        m_pImpl->wake.WaitUntil(seen, nullptr);
+    }
+    Lock(Elapse::Infinite());
 }
 
 bool Condition::TimedWait(const Elapse& timeout)
 {
     Platform::Deadline deadline = WaitDeadline(timeout);
-    m_WaitCount.fetch_add(1);
     int result;
     if (MainThread::IsMain()) {
         if (++m_MainThreadDepth > GetMaxReentrancy()) {
             --m_MainThreadDepth;
-            m_WaitCount.fetch_sub(1);
             QEL_RAISE_ERROR(ExceededMaxReentrancy(), "Qel.Core.Condition.TimedWait");
             return false;
         }
-        Platform::AutoResetEvent& signal = m_pImpl->conditionSignal;
-        auto busyWait = MainThread::CreateBusyWait(
-            &signal, [&signal](Platform::Deadline until) { return signal.WaitUntil(until); }, deadline);
-        Unlock();
-        result = busyWait->Wait();
+        {
+            Platform::CountedWaiter counted(m_WaitCount);
+            std::uint32_t seen = m_pImpl->wake.Current();
+            Platform::WakeSequence& wake = m_pImpl->wake;
+            auto busyWait = MainThread::CreateBusyWait(
+                &wake, [&wake, seen](Platform::Deadline until) { return wake.WaitUntil(seen, &until); }, deadline);
+            Unlock();
+            result = busyWait->Wait();
+        }
         --m_MainThreadDepth;
     } else {
-        result = m_pImpl->conditionSignal.ReleaseAndWaitUntil(m_pImpl->mutex, deadline);
+        Platform::CountedWaiter counted(m_WaitCount);
+        std::uint32_t seen = m_pImpl->wake.Current();
+        m_pImpl->mutex.Unlock();
+        result = m_pImpl->wake.WaitUntil(seen, &deadline);
     }
-    FinishWait(result);
-    if (result == Platform::WAIT_SIGNALLED) return true;
-    if (result == Platform::WAIT_TIMED_OUT) return false;
-    QEL_RAISE_ERROR(OSError("Timed wait on signal ended by unkown error"), "Qel.Core.Condition");
-    return false;
+    Lock(Elapse::Infinite());
+    return result == Platform::WAIT_SIGNALLED;
 }
 
 void Condition::Signal()
 {
-    if (m_WaitCount.load() > 0) m_pImpl->conditionSignal.Set();
+    if (Platform::WaiterCount::Live(m_WaitCount) > 0) m_pImpl->wake.WakeAll();
 }
 
 void Condition::Broadcast()

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <new>
+#include <optional>
 #include <thread>
 
 namespace Qel::Core {
@@ -50,7 +51,7 @@ Mutex::~Mutex()
             PlatformLock(m_CriticalSection).Abort();
             // Threads that wait see the mark and leave; they get 5 seconds in all.
             auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-            while (m_WaitingThreads.load() > 0 && std::chrono::steady_clock::now() < until)
+            while (Platform::WaiterCount::Live(m_WaitingThreads) > 0 && std::chrono::steady_clock::now() < until)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             Unlock();
         }
@@ -79,12 +80,16 @@ void Mutex::Lock(const Elapse& timeout)
     if (!MainThread::IsMain() && timeout == Elapse::Infinite()) {
         Platform::RecursiveTimedLock& lock = PlatformLock(m_CriticalSection);
         if (!lock.TryLock()) [[unlikely]] {
-            m_WaitingThreads.fetch_add(1);
-            bool acquired = lock.Lock();
-            bool destroyed = m_Destroyed.load();
-            m_WaitingThreads.fetch_sub(1); // the mutex may be gone from here on if it was destroyed
+            bool acquired, destroyed;
+            {
+                Platform::CountedWaiter waiting(m_WaitingThreads);
+                acquired = lock.Lock();
+                destroyed = m_Destroyed.load();
+            } // the mutex may be gone from here on if it was destroyed
             if (!acquired || destroyed) RaiseDestroyed();
         }
+        if (lock.ConsumeTakeOver()) [[unlikely]]
+            ForgetLeftOverHold();
         std::int32_t count = m_LockCount.load(std::memory_order_relaxed) + 1;
         m_LockCount.store(count, std::memory_order_relaxed);
         if (count == 1) m_OwnerThreadId.store(Platform::ThreadIdFast(), std::memory_order_relaxed);
@@ -109,7 +114,7 @@ bool Mutex::TryLock(const Elapse& timeout)
     auto start = std::chrono::steady_clock::now();
     bool acquired = false;
     bool borrowed = false;
-    m_WaitingThreads.fetch_add(1);
+    std::optional<Platform::CountedWaiter> waiting(std::in_place, m_WaitingThreads);
     if (!main) {
         acquired = lock.TryLockUntil(deadline);
     } else {
@@ -134,6 +139,7 @@ bool Mutex::TryLock(const Elapse& timeout)
             if (m_Destroyed.load() || Platform::HasPassed(deadline)) break;
         }
     }
+    if (acquired && lock.ConsumeTakeOver()) ForgetLeftOverHold();
     if (acquired) {
         std::int32_t count = m_LockCount.load(std::memory_order_relaxed) + 1;
         m_LockCount.store(count, std::memory_order_relaxed);
@@ -153,9 +159,17 @@ bool Mutex::TryLock(const Elapse& timeout)
         Unlock();
         acquired = false;
     }
-    m_WaitingThreads.fetch_sub(1); // the mutex may be gone from here on if it was destroyed
+    waiting.reset(); // the mutex may be gone from here on if it was destroyed
     if (destroyed) RaiseDestroyed();
     return acquired;
+}
+
+void Mutex::ForgetLeftOverHold()
+{
+    // The lock was held by a thread that a fork left in the parent: its counts go with it.
+    m_LockCount.store(0, std::memory_order_relaxed);
+    m_OwnerThreadId.store(0, std::memory_order_relaxed);
+    m_BorrowedLocks.store(0);
 }
 
 namespace {

@@ -49,7 +49,12 @@ Elapse LeftUntil(Platform::Deadline deadline)
 } // namespace
 
 ReadersWriterMutex::ReadersWriterMutex(Logger logger)
-    : m_Condition(true), m_writer(0, 0), m_PendingWriters(0), m_PendingReaders(0), m_pLogger(logger)
+    : m_Condition(true),
+      m_writer(0, 0),
+      m_PendingWriters(0),
+      m_PendingReaders(0),
+      m_pLogger(logger),
+      m_iForkGeneration(Platform::ForkGeneration())
 {
     CallLogger("RWC", "ReadersWriterMutex constructor");
 }
@@ -60,6 +65,26 @@ ReadersWriterMutex::~ReadersWriterMutex()
         CallLogger("RWD", "ReadersWriterMutex destructor");
     } catch (...) {
     }
+}
+
+void ReadersWriterMutex::ForgetThreadsOfParent()
+{
+    std::uint32_t generation = Platform::ForkGeneration();
+    if (m_iForkGeneration == generation) [[likely]]
+        return;
+    // The first use in the child of a fork: only the thread that forked went on. The holds and
+    // waits of the others stay in the parent.
+    m_iForkGeneration = generation;
+    unsigned long forking = Platform::g_iForkingThreadId.load();
+    m_readers.erase(std::remove_if(m_readers.begin(), m_readers.end(),
+                                   [forking](const auto& reader) { return reader.first != forking; }),
+                    m_readers.end());
+    m_ActiveReaders.erase(std::remove_if(m_ActiveReaders.begin(), m_ActiveReaders.end(),
+                                         [forking](unsigned long tid) { return tid != forking; }),
+                          m_ActiveReaders.end());
+    if (m_writer.second > 0 && m_writer.first != forking) m_writer = {0, 0};
+    m_PendingWriters = 0;
+    m_PendingReaders = 0;
 }
 
 void ReadersWriterMutex::CallLogger(const char* code, const char* text)
@@ -105,6 +130,7 @@ void ReadersWriterMutex::WaitReaderLock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     ++m_PendingReaders;
     CallLogger("RW>", "WaitReaderLock started");
     while (!PrivateTryWaitReaderLock(tid)) m_Condition.Wait();
@@ -118,6 +144,7 @@ bool ReadersWriterMutex::TimedWaitReaderLock(const Elapse& timeout)
     Platform::Deadline deadline = Platform::DeadlineAfterTicks(timeout.GetRawTimerTicks());
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     ++m_PendingReaders;
     CallLogger("RT>", "TimedWaitReaderLock started");
     for (;;) {
@@ -141,6 +168,7 @@ bool ReadersWriterMutex::TryWaitReaderLock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     bool acquired = PrivateTryWaitReaderLock(tid);
     if (acquired) CallLogger("RY+", "TryWaitReaderLock succeeded");
     return acquired;
@@ -150,6 +178,7 @@ void ReadersWriterMutex::ReaderUnlock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     auto it = FindIf(m_readers, [tid](const auto& reader) { return reader.first == tid; });
     if (it == m_readers.end()) {
         AssertFailed("it != m_readers.end()", QEL_CODE_CONTEXT());
@@ -177,6 +206,7 @@ void ReadersWriterMutex::WaitWriterLock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     ++m_PendingWriters;
     CallLogger("WW>", "WaitWriterLock started");
     if (!PrivateTryWaitWriterLock(tid)) {
@@ -196,6 +226,7 @@ bool ReadersWriterMutex::TimedWaitWriterLock(const Elapse& timeout)
     Platform::Deadline deadline = Platform::DeadlineAfterTicks(timeout.GetRawTimerTicks());
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     ++m_PendingWriters;
     CallLogger("WT>", "TimedWaitWriterLock started");
     if (!PrivateTryWaitWriterLock(tid)) {
@@ -237,6 +268,7 @@ bool ReadersWriterMutex::TryWaitWriterLock()
 {
     unsigned long tid = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     bool acquired = PrivateTryWaitWriterLock(tid);
     if (acquired) CallLogger("WY+", "TryWaitWriterLock succeeded");
     return acquired;
@@ -246,6 +278,7 @@ void ReadersWriterMutex::WriterUnlock()
 {
     unsigned long threadID = CurrentId();
     Lock guard(m_Condition);
+    ForgetThreadsOfParent();
     if (!(m_writer.second > 0)) {
         AssertFailed("m_writer.second > 0", QEL_CODE_CONTEXT());
         return;

@@ -3,6 +3,7 @@
 
 #include "Infrastructure/QelCore/Logging/LogInternal.h"
 #include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/Platform/Locks.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
@@ -110,7 +111,8 @@ Thread::Thread()
       m_Result(0),
       m_TaskEntered(false),
       m_Listeners(NotificationSupport::eFIRST_ADDED_FIRST),
-      m_hThread(0)
+      m_hThread(0),
+      m_iForkGeneration(Platform::ForkGeneration())
 {
     {
         Lock guard(Stacks().m_Mutex);
@@ -131,6 +133,12 @@ Thread::~Thread()
 {
     try {
         bool ended = true;
+        if (m_iForkGeneration.load() != Platform::ForkGeneration() &&
+            m_ThreadId.load() != Platform::g_iForkingThreadId.load()) {
+            // A thread of the parent of a fork: not in this process. Its handle is the parent's.
+            m_hThread.store(0);
+            return;
+        }
         if (IsState(eTHREAD_RUNNING)) {
             Stop(Elapse(0, Elapse::Seconds));
             bool ok = TimedWaitForState(eTHREAD_NOT_RUNNING, Elapse(5, Elapse::Seconds));
@@ -239,7 +247,12 @@ int Thread::GetPlatformSpecificPriority(EPriority priority)
 
 bool Thread::Start(std::shared_ptr<Task> p_spTask, const Elapse& timeout)
 {
-    QEL_ASSERT(IsState(eTHREAD_NOT_RUNNING));
+    EndedByFork();
+    if (!IsState(eTHREAD_NOT_RUNNING)) {
+        // The thread runs on with its task; the call goes on and returns.
+        QEL_ASSERT(IsState(eTHREAD_NOT_RUNNING));
+        return false;
+    }
     QEL_ASSERT((p_spTask != nullptr));
     bool started;
     // The thread of the previous run is on its last instructions, or gone: wait for it to be
@@ -267,6 +280,7 @@ bool Thread::Start(std::shared_ptr<Task> p_spTask, const Elapse& timeout)
         }
 
         Lock stateGuard(m_StateCondition);
+        m_iForkGeneration.store(Platform::ForkGeneration());
         m_spSelf = m_wpSelf.lock();
         SetState(eTHREAD_STARTING);
         // The new thread cannot leave the starting state before this lock is let go, so the
@@ -314,6 +328,17 @@ unsigned int Thread::Invoke()
         Platform::SetThreadPriorityStep(m_ThreadId.load(), GetPlatformSpecificPriority(priority));
 
     AddRef();
+    // The C library may end the thread in its task (pthread_exit, cancellation) by unwinding it:
+    // then the guard records the end as one behind the library's back.
+    struct EndGuard
+    {
+        Thread* m_pThread;
+        bool m_bDone = false;
+        ~EndGuard()
+        {
+            if (!m_bDone) m_pThread->EndedInTask();
+        }
+    } guard{this};
     try {
         SetState(eTHREAD_RUNNING);
         Run();
@@ -325,9 +350,10 @@ unsigned int Thread::Invoke()
                             error.GetMessageA())
                                .str());
     } catch (...) {
-        if (Platform::CurrentExceptionEndsThread()) throw; // the C library ends the thread
+        Platform::RethrowIfThreadEnding(); // the C library ends the thread: see the guard
         HandleUnknownError(" terminated due to an unknown error thrown from Thread Run()");
     }
+    guard.m_bDone = true;
     int result = m_Result.load();
     Release();
     std::shared_ptr<Thread> last;
@@ -368,10 +394,58 @@ unsigned int Thread::Run()
             sTHREAD_LOGGER, QelLogError,
             (boost::format("Thread %s terminated due to error:\n%s") % GetName() % error.GetMessageA()).str());
     } catch (...) {
-        if (Platform::CurrentExceptionEndsThread()) throw;
+        Platform::RethrowIfThreadEnding();
         HandleUnknownError(" terminated due to an unknown error thrown from Task Run()");
     }
     return static_cast<unsigned int>(m_Result.load());
+}
+
+void Thread::EndedInTask() noexcept
+{
+    try {
+        OSThreadTermination error(GetName());
+        SetLastError(error, true);
+        SetState(eTHREAD_ERROR);
+    } catch (...) {
+        // The thread ends whatever happens here.
+    }
+    // The thread lets go of the object as at a normal end; the next Start or the destructor
+    // joins it (it is on its last instructions).
+    Release();
+    std::shared_ptr<Thread> last;
+    {
+        Lock guard(m_StateCondition);
+        last.swap(m_spSelf);
+    }
+    last.reset(); // may destroy this object: nothing of it is touched afterwards
+}
+
+bool Thread::EndedByFork() const
+{
+    std::uint32_t generation = Platform::ForkGeneration();
+    if (m_iForkGeneration.load() == generation) return false;
+    auto* self = const_cast<Thread*>(this);
+    bool ended = false;
+    {
+        Lock guard(m_StateCondition);
+        if (m_iForkGeneration.load() == generation) return false;
+        self->m_iForkGeneration.store(generation);
+        // The thread that forked goes on in the child.
+        if (m_ThreadId.load() == Platform::g_iForkingThreadId.load()) return false;
+        if ((m_State & (eTHREAD_RUNNING | eTHREAD_STARTING)) == 0) {
+            self->m_hThread.store(0); // the parent's thread: nothing to join here
+            return false;
+        }
+        // A thread of the parent: it ended behind the library's back. Its handle names a thread
+        // of the parent: never joined, detached or signalled here.
+        self->m_hThread.store(0);
+        OSThreadTermination error(m_Name);
+        self->SetLastError(error, true);
+        self->SetState(eTHREAD_ERROR);
+        ended = true;
+    }
+    self->ReleaseSelf();
+    return ended;
 }
 
 void Thread::HandleUnknownError(const char* where)
@@ -434,6 +508,7 @@ void Thread::ResetStopFlag()
 
 bool Thread::IsAlive() const
 {
+    if (EndedByFork()) return false;
     auto* self = const_cast<Thread*>(this);
     bool released = false;
     {
@@ -568,6 +643,7 @@ bool Thread::TryWaitForState(int mask)
 void Thread::WaitForState(int mask)
 {
     QEL_ASSERT(!IsCurrentThread());
+    EndedByFork();
     Lock guard(m_StateCondition);
     while (!IsState(mask)) m_StateCondition.Wait();
 }
@@ -575,6 +651,7 @@ void Thread::WaitForState(int mask)
 bool Thread::TimedWaitForState(int mask, const Elapse& timeout)
 {
     QEL_ASSERT(!IsCurrentThread());
+    EndedByFork();
     Time deadline(timeout);
     Lock guard(m_StateCondition);
     for (;;) {
@@ -633,3 +710,12 @@ bool Thread::TimedWaitForStopRequest(const Elapse& timeout)
 }
 
 } // namespace Qel::Core
+
+namespace Qel::Core::Detail {
+
+void RethrowIfThreadEnding()
+{
+    Platform::RethrowIfThreadEnding();
+}
+
+} // namespace Qel::Core::Detail

@@ -3,9 +3,10 @@
 // A thread takes the lock (Condition is an IMutex, so a Lock guard works on it), looks at the
 // shared state and calls Wait or TimedWait, which release the lock and wait as one step, so that a
 // signal sent after the release is never lost. One Signal or Broadcast wakes every thread waiting
-// at that moment: each woken waiter passes the wake-up on to the next. A signal with nobody
-// waiting is dropped. Wait and TimedWait always return with the lock held again; callers check
-// their own predicate in a loop.
+// at that moment; a signal with nobody waiting is dropped. Wait and TimedWait always return with
+// the lock held again; callers check their own predicate in a loop. A waiter that vanishes (ended
+// by Thread::Kill, or left in the parent by a fork) leaves nothing that later waits or the
+// destructor depend on.
 #pragma once
 
 #include "Infrastructure/QelCore/Mutex.h"
@@ -50,8 +51,6 @@ public:
     void Notify();
 
 private:
-    void FinishWait(int result);
-
     struct Impl;
     std::unique_ptr<Impl> m_pImpl;
     bool m_BroadcastOnNotify;

@@ -10,6 +10,19 @@
 // Logging never takes the caller down: no failure of a service, handler or file reaches the
 // caller of WriteLog, and with buffering on (the default) the caller never waits for a file. A
 // full queue (3000 entries) drops the entry.
+//
+// Fork without exec. The child has the parent's manager, loggers, filters, handlers, installed
+// service and log path, but not its worker: only the thread that forked goes on. So the child
+// starts with buffering off: each entry is delivered on the thread that writes it, into the same
+// files as the parent's (under the same cross-process lock), and the child may leave through exit
+// or ShutdownQelCore at any time without waiting for anything of the parent. SetBufferingMode(true)
+// starts a worker of the child's own. Entries that were queued in the parent at the fork are the
+// parent's: the parent's worker writes them, the child drops its copy. A lock of the log that
+// another thread of the parent held at the fork (the service's, the handlers', the file's, the
+// queue's) is free in the child; handlers registered in the parent are registered in the child
+// too, and run there on the child's thread. With buffering off, entries written by several threads
+// of the child at once are dropped while another is being delivered: a child that logs from
+// several threads switches buffering on.
 #pragma once
 
 #include "Infrastructure/QelCore/AlertManager.h"
@@ -257,7 +270,7 @@ public:
                   const std::string& format);
 
     // Number of entries waiting for the worker (tests, diagnostics).
-    unsigned GetQueuedCount() { return m_Queue.GetCount(); }
+    unsigned GetQueuedCount() { return m_pQueue->GetCount(); }
 
 private:
     friend std::string(::QelGetLogMsgFormat)(const std::string&, const std::string&);
@@ -266,6 +279,9 @@ private:
     void LogError(Error& error, const std::string& title, bool asXML);
     void SendLogMessage(const QelLogEntry& entry, bool callerThread);
     void StartWorker();
+    // In the child of a fork, on its one thread (see above).
+    static void AfterForkInChild();
+    void ContinueInChild();
     // Whether the worker was started in this process (not in the parent of a fork).
     bool WorkerIsOurs() const;
     // Asks the worker to stop and waits for it at most `timeout`; a worker that a fork left
@@ -282,7 +298,7 @@ private:
     std::map<std::string, std::shared_ptr<Logger>> m_Loggers;
     ReadersWriterMutex m_LoggersLock;
     ReadersWriterMutex m_ServiceLock;
-    Queue<QelLogEntry> m_Queue;
+    std::unique_ptr<Queue<QelLogEntry>> m_pQueue; // replaced in the child of a fork
     std::shared_ptr<Thread> m_spThread;
     std::uint32_t m_iWorkerProcess = 0;   // the process that started m_spThread
     std::atomic<int> m_iUndelivered{0};  // entries queued and not yet handed on by the worker

@@ -4,6 +4,11 @@
 // runs out of time raises LockTimeout; a TryLock gives false. A Mutex may be destroyed while other
 // threads wait for it: they get MutexDestroyedBeforeLockAcquired instead of touching freed memory.
 //
+// Threads that vanish: a lock held by a thread that Thread::Kill ended stays held. In the child of
+// a fork (without exec) only the forking thread goes on; a lock that another thread held at the
+// fork is free there (the next thread to ask takes it over), and what it guarded is as that thread
+// left it.
+//
 // The main thread. A thread that a host names its main thread (the thread of its message loop)
 // with SetMainThread never blocks blindly on the locks, conditions and semaphores of the library:
 // while it waits it yields every lock it holds, pumps messages and takes the locks back, and it
@@ -67,6 +72,8 @@ public:
     bool LockedByCurrentThread() const;
 
 private:
+    [[gnu::cold]] void ForgetLeftOverHold();
+
     // The platform lock lives inside the object (on the cache line of the counters below); its
     // type is the platform layer's own.
     alignas(8) unsigned char m_CriticalSection[16];

@@ -5,6 +5,8 @@
 //   to wait stops counting as a reader until it is through;
 // - waiting writers go before new readers, but a thread that already reads is never held back.
 // All waiting is done on one Condition. No operation raises an alert.
+// In the child of a fork (without exec) only the forking thread goes on: the holds and waits of the
+// other threads are forgotten there at the first use.
 #pragma once
 
 #include "Infrastructure/QelCore/Condition.h"
@@ -47,6 +49,8 @@ public:
 private:
     bool PrivateTryWaitReaderLock(unsigned long tid);
     bool PrivateTryWaitWriterLock(unsigned long tid);
+    // Under the internal lock: forgets the threads of the parent at the first use after a fork.
+    void ForgetThreadsOfParent();
     void CallLogger(const char* code, const char* text);
 
     // The readers are a handful of threads at most: flat vectors searched from the front keep
@@ -62,6 +66,7 @@ private:
     int m_PendingReaders;
     ThreadIds m_ActiveReaders; // the readers that count against a writer
     Logger m_pLogger;
+    std::uint32_t m_iForkGeneration; // of the process when the holds above were last made
 };
 
 // Scope guard of the reader lock.

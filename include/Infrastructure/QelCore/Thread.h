@@ -9,8 +9,23 @@
 // What escapes a task never crosses the thread's top frame: it becomes the thread's last error,
 // the listeners hear of it, the thread ends in the error state, and the log gets a line.
 //
-// On Linux, Kill ends the thread without unwinding its stack (see the platform layer): a killed
-// task leaves every lock it held held. Kill only tasks that hold no lock.
+// What Kill leaves behind. Kill ends the thread at once, without unwinding its stack: no
+// destructor of the task runs, and every lock the task held (a Mutex, a Condition's lock, a
+// reader's or writer's hold of a ReadersWriterMutex, a lock of the host's) stays held for good;
+// whatever the task was changing stays half changed. Kill only tasks that hold no lock. A task
+// killed while it waits in the library (WaitForStopRequest, TimedWaitForStopRequest, a Condition,
+// a Semaphore, Queue::Dequeue, waiting for a Mutex) leaves nothing behind in that wait: the object
+// can be waited on, woken and destroyed as if the task had never waited, and the Thread can be
+// started again. The killed thread's stack stays reserved (address space, not memory in use).
+//
+// A thread ended behind the library's back (the task calls pthread_exit, or the thread is
+// cancelled) ends in the error state with OSThreadTermination, told to the listeners; the process
+// goes on and the Thread can be started again.
+//
+// Fork without exec: only the thread that forked goes on in the child. A Thread whose thread was
+// running in the parent is, in the child, a thread that ended behind the library's back: IsAlive,
+// the waits and the destructor find it in the error state with OSThreadTermination (its object is
+// held until then), and it can be started again there.
 //
 // A thread that has ended its task may still be on its last instructions (the log line of an
 // error, letting go of its object) when others see its state change. When the library unloads it
@@ -137,7 +152,9 @@ public:
 
     // Starts the task on a new thread. With a zero time-out it returns at once (true unless the
     // system refused the thread); otherwise it blocks until the thread has left the starting
-    // state, and false means that it did not within the time-out. The thread must not be running.
+    // state, and false means that it did not within the time-out. The thread must not be running:
+    // on a running (or starting) thread it fails the assertion "IsState(eTHREAD_NOT_RUNNING)" and
+    // returns false at once, and the thread runs on with its task.
     bool Start(std::shared_ptr<Task> task, const Elapse& timeout = Elapse(0, Elapse::Seconds));
     // Asks the task to stop; with a time-out, blocks until the thread has stopped (true) or the
     // time-out passes (false). A task that ignores the request runs on.
@@ -194,6 +211,10 @@ private:
     static int GetPlatformSpecificPriority(EPriority priority);
     void HandleUnknownError(const char* where);
     void ReleaseSelf();
+    // The end of a thread that the C library ended in its task (pthread_exit, cancellation).
+    void EndedInTask() noexcept;
+    // Finds a thread started before the latest fork, other than the forking one, ended (true).
+    bool EndedByFork() const;
 
     EState m_State;
     mutable Condition m_StateCondition;
@@ -211,6 +232,13 @@ private:
     std::weak_ptr<Thread> m_wpSelf;
     NotificationSupport m_Listeners;
     std::atomic<std::uintptr_t> m_hThread; // the operating-system thread, 0 for none
+    std::atomic<std::uint32_t> m_iForkGeneration; // the fork generation of the process at Start
 };
+
+namespace Detail {
+// For catch-alls on a thread's way (ThreadPool): lets the C library's unwinding of an ending
+// thread (pthread_exit, cancellation) go on; returns for every C++ exception. Call in a catch block.
+QEL_CORE_API void RethrowIfThreadEnding();
+} // namespace Detail
 
 } // namespace Qel::Core

@@ -2,8 +2,12 @@
 //
 // ThreadPool<T> makes its threads at construction ("<name>_0", "<name>_1", ...) and starts them
 // with Start. Enqueue hands a callback and its argument to the pool; any free thread runs it once.
-// What a callback throws is dropped, and the item counts as done. Destroying the pool stops the
-// threads, waits for each to finish the callback it is in, and throws away what has not begun.
+// What a callback throws is dropped, and the item counts as done. A callback that ends its thread
+// (pthread_exit, or the thread is cancelled) ends that pool thread: the item counts as done, the
+// thread is in the error state with OSThreadTermination, and the other threads work on. Destroying
+// the pool stops the threads, waits for each to finish the callback it is in, and throws away what
+// has not begun. Start on a pool that runs fails the assertion of Thread::Start for each thread
+// and returns; the threads run on.
 //
 // CallbackTask and its sisters turn a callback into a Task; LaunchThread starts one on a new
 // Thread.
@@ -52,7 +56,7 @@ public:
         }
     }
 
-    // Starts every thread; returns at once.
+    // Starts every thread; returns at once (also when they run already).
     void Start()
     {
         Lock guard(m_Condition);
@@ -100,21 +104,35 @@ public:
             if (directive.MustStop()) return 0;
             std::shared_ptr<TaskCallback> item;
             if (!m_Queue.Dequeue(item) || !item) continue;
+            // The item counts as done however the callback ends, also when it ends the thread.
+            Done done{*this};
             // A stop that came while this thread waited: what has not begun is not run.
             if (!directive.MustStop()) {
                 try {
                     (*item->m_pCallback)(item->m_Argument);
                 } catch (...) {
-                    // A callback's failure is dropped; the item counts as done.
+                    // A callback's failure is dropped; the end of the thread goes on.
+                    Detail::RethrowIfThreadEnding();
                 }
             }
-            Lock guard(m_Condition);
-            --m_Pending;
-            m_Condition.Notify();
         }
     }
 
 private:
+    struct Done
+    {
+        ThreadPool& m_Pool;
+        ~Done()
+        {
+            try {
+                Lock guard(m_Pool.m_Condition);
+                --m_Pool.m_Pending;
+                m_Pool.m_Condition.Notify();
+            } catch (...) {
+            }
+        }
+    };
+
     bool Add(std::shared_ptr<CallbackArg<T>> callback, T argument, const Elapse* timeout)
     {
         auto item = std::make_shared<TaskCallback>(TaskCallback{std::move(callback), std::move(argument)});
