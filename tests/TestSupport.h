@@ -7,6 +7,9 @@
 #include "Infrastructure/QelCore/Platform/Platform.h"
 
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -45,6 +48,39 @@ inline bool Eventually(const std::function<bool()>& condition,
     }
     return true;
 }
+
+// Ends the whole process with a message if it is still alive after the limit: a test that could
+// hang (a deadlock) then fails instead of stopping the run. Disarmed by its destructor.
+class Watchdog
+{
+public:
+    explicit Watchdog(const char* what, std::chrono::seconds limit = std::chrono::seconds(120))
+        : m_Thread([this, what, limit] {
+              std::unique_lock<std::mutex> lock(m_Mutex);
+              if (!m_Done.wait_for(lock, limit, [this] { return m_bDisarmed; })) {
+                  std::fprintf(stderr, "Watchdog: %s did not finish (deadlock?)\n", what);
+                  std::fflush(stderr);
+                  std::_Exit(3);
+              }
+          })
+    {
+    }
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            m_bDisarmed = true;
+        }
+        m_Done.notify_all();
+        m_Thread.join();
+    }
+
+private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Done;
+    bool m_bDisarmed = false;
+    std::thread m_Thread;
+};
 
 // Collects the debug output while it lives.
 class DebugCapture

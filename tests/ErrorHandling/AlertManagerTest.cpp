@@ -270,3 +270,40 @@ TEST(AlertManager, ListenerThatFailsOnEveryAlertCannotRecurseForEver)
     EXPECT_GE(failing.warnings, 2);                    // the warning, and warnings about the failure
     EXPECT_LE(failing.warnings, g_iMAX_ERROR_RECURSION_DEPTH);
 }
+
+TEST(AlertManagerThreads, HandlerThatWarnsDoesNotDeadlockWithARaisingThread)
+{
+    // The handler raises a warning (it needs the alert source) while another thread raises an
+    // error (it holds the alert source while the manager records the error).
+    struct WarningHandler : ErrorHandler
+    {
+        std::atomic<int> handled{0};
+        bool Handle(Error&) override
+        {
+            QEL_RAISE_WARNING(NoticeWarning(3), "Qel.Test");
+            ++handled;
+            return true;
+        }
+    };
+    auto handler = std::make_shared<WarningHandler>();
+    HandlerScope scope(typeid(DerivedError), handler);
+    QelTest::Watchdog watchdog("in-place handler raising a warning beside a raising thread");
+    constexpr int kRounds = 300;
+    std::atomic<int> thrown{0};
+    std::thread handling([&] {
+        for (int i = 0; i < kRounds; ++i) QEL_RAISE_HANDLEABLE_ERROR(DerivedError(), "Qel.Test");
+    });
+    std::thread raising([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            try {
+                QEL_RAISE_ERROR(RecordA(), "Qel.Test");
+            } catch (RecordA&) {
+                ++thrown;
+            }
+        }
+    });
+    handling.join();
+    raising.join();
+    EXPECT_EQ(handler->handled.load(), kRounds);
+    EXPECT_EQ(thrown.load(), kRounds);
+}
