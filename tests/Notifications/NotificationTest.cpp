@@ -332,3 +332,32 @@ TEST(NotificationThreads, ListenerBuildingShortLivedObjectsBesideAnEndingAlertLi
     AlertManager::Instance()->RemoveAlertListener(builder);
     EXPECT_EQ(builder.heard.load(), kRounds);
 }
+
+TEST(NotificationThreads, SourcesAndListenersLinkedAllToAllDieTogetherOnTwoThreads)
+{
+    // Each round links every listener to every source and ends the sources on one thread while
+    // the listeners end on another; the sanitizers see any touch of an object that has gone.
+    QelTest::Watchdog watchdog("sources and listeners ending together");
+    constexpr int kRounds = 200, kEach = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<std::unique_ptr<NotificationSupport>> sources;
+        std::vector<std::unique_ptr<Counter>> listeners;
+        for (int i = 0; i < kEach; ++i) {
+            sources.push_back(std::make_unique<NotificationSupport>());
+            listeners.push_back(std::make_unique<Counter>());
+        }
+        for (auto& source : sources)
+            for (auto& listener : listeners) source->AddListener(*listener);
+        std::atomic<int> ready{0};
+        auto endAll = [&ready](auto& objects) {
+            ++ready;
+            while (ready.load() < 2) {
+            }
+            objects.clear();
+        };
+        std::thread first([&] { endAll(sources); });
+        std::thread second([&] { endAll(listeners); });
+        first.join();
+        second.join();
+    }
+}

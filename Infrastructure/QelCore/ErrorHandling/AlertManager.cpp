@@ -5,6 +5,7 @@
 
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/Logging/LogInternal.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/StringTools.h"
 #include "Infrastructure/QelCore/XMLWriter.h"
@@ -176,12 +177,47 @@ void AlertManager::RemoveAlertListener(AlertListener& listener)
     m_Notifier.RemoveListener(listener);
 }
 
+namespace {
+// Says on the debug output and in the log that the nesting guard kept this notification back.
+// Nothing is broadcast from here, and nothing escapes.
+void ReportCutChain(Notification& notification) noexcept
+{
+    try {
+        std::string what;
+        AlertInfo* alert = nullptr;
+        if (auto* raised = dynamic_cast<ErrorRaised*>(&notification)) {
+            what = "error";
+            alert = &raised->GetError();
+        } else if (auto* handled = dynamic_cast<ErrorHandled*>(&notification)) {
+            what = "handled error";
+            alert = &handled->GetError();
+        } else if (auto* warning = dynamic_cast<WarningRaised*>(&notification)) {
+            what = "warning";
+            alert = &warning->GetWarning();
+        } else {
+            what = "notification " + ReadableTypeName(typeid(notification));
+        }
+        if (alert != nullptr) what += " " + ReadableTypeName(typeid(*alert)) + " \"" + alert->GetMessageA() + "\"";
+        std::string text = "Alerts nested " + std::to_string(g_iMAX_ALERT_NESTING) +
+                           " deep on this thread, each raised by a listener of the one before: chain cut; the " +
+                           what + " was not broadcast or recorded";
+        Platform::DebugOutput(text + "\n");
+        Detail::WriteLogText(sBROADCAST_LOG, QelLogWarning, text);
+    } catch (...) {
+    }
+}
+} // namespace
+
 void AlertManager::Broadcast(Notification& notification)
 {
     // A listener that fails on every alert would otherwise answer each warning about its failure
-    // with another failure, without end: alert broadcasts nest on a thread only so deep.
+    // with another failure, without end: alert broadcasts nest on a thread only so deep, and the
+    // cut is reported.
     static thread_local int t_iDepth = 0;
-    if (t_iDepth >= g_iMAX_ERROR_RECURSION_DEPTH) return;
+    if (t_iDepth >= g_iMAX_ALERT_NESTING) {
+        ReportCutChain(notification);
+        return;
+    }
     struct Nesting
     {
         Nesting() { ++t_iDepth; }
