@@ -69,6 +69,11 @@ public:
             }
         });
     }
+    // The same, named first: Watchdog guard("what", std::chrono::seconds(60)).
+    explicit Watchdog(const char* what, std::chrono::seconds limit = std::chrono::seconds(120))
+        : Watchdog(std::chrono::milliseconds(limit), what)
+    {
+    }
     ~Watchdog()
     {
         {

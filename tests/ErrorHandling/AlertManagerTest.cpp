@@ -25,6 +25,34 @@ QEL_DEFINE_WARNING(LimitedWarning, Warning, "limited")
 QEL_DEFINE_ERROR(RecordA, LogicError, eERROR, "A")
 QEL_DEFINE_ERROR(RecordB, LogicError, eERROR, "B")
 QEL_DEFINE_ERROR(HandlerOnly, LogicError, eERROR, "never raised")
+QEL_DEFINE_WARNING(ChainWarning, Warning, "chain %1%", int)
+QEL_DEFINE_WARNING(EndlessWarning, Warning, "chain %1%", int)
+
+// Told of link n of a chain of warnings of class W, raises link n + 1, up to `last` (0: no end).
+template <typename W>
+struct ChainRaiser : AlertListener
+{
+    explicit ChainRaiser(int last) : m_iLast(last) { AlertManager::Instance()->AddAlertListener(*this); }
+    ~ChainRaiser() override { RemoveAllNotificationSources(); }
+    void WarningRaised(Warning& warning) override
+    {
+        if (dynamic_cast<W*>(&warning) == nullptr) return;
+        ++m_iHeard;
+        int link = std::stoi(warning.GetMessageA().substr(6));
+        if (m_iLast == 0 || link < m_iLast) QEL_RAISE_WARNING(W(link + 1), "Qel.Test.Chain");
+    }
+    int m_iLast;
+    int m_iHeard = 0;
+};
+
+// The texts of the debug output that speak of a cut chain.
+std::vector<std::string> CutReports(QelTest::DebugCapture& capture)
+{
+    std::vector<std::string> found;
+    for (const std::string& text : capture.Texts())
+        if (text.find("chain cut") != std::string::npos) found.push_back(text);
+    return found;
+}
 
 AlertManager& Manager()
 {
@@ -268,5 +296,83 @@ TEST(AlertManager, ListenerThatFailsOnEveryAlertCannotRecurseForEver)
     QEL_RAISE_WARNING(NoticeWarning(9), "Qel.Test"); // returns
     Manager().RemoveAlertListener(failing);
     EXPECT_GE(failing.warnings, 2);                    // the warning, and warnings about the failure
-    EXPECT_LE(failing.warnings, g_iMAX_ERROR_RECURSION_DEPTH);
+    EXPECT_LE(failing.warnings, g_iMAX_ALERT_NESTING);
+}
+
+TEST(AlertNesting, ChainsBelowTheGuardAreDeliveredRecordedAndLogged)
+{
+    QelTest::DebugCapture debug;
+    QelTest::LogCapture log;
+    QelTest::AlertRecorder recorder;
+    ChainRaiser<ChainWarning> chain(12);
+    QEL_RAISE_WARNING(ChainWarning(1), "Qel.Test.Chain");
+    EXPECT_EQ(chain.m_iHeard, 12);
+    std::vector<std::string> messages;
+    for (const auto& event : recorder.Events())
+        if (event.kind == "warning") messages.push_back(event.message);
+    std::vector<std::string> expected;
+    for (int link = 1; link <= 12; ++link) expected.push_back("chain " + std::to_string(link));
+    std::sort(messages.begin(), messages.end()); // the deepest link is recorded first
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(messages, expected);
+    std::set<WarningRecord, SSortWarnings> records;
+    Manager().GetRaisedWarningRecords(records);
+    auto record = std::find_if(records.begin(), records.end(), [](const WarningRecord& r) {
+        return r.GetClass() == ReadableTypeName(typeid(ChainWarning));
+    });
+    ASSERT_NE(record, records.end());
+    EXPECT_EQ(record->GetRaisedCount(), 12u);
+    EXPECT_TRUE(QelTest::Eventually([&] { return log.Holds(">chain 11<") && log.Holds(">chain 12<"); }));
+    EXPECT_TRUE(CutReports(debug).empty());
+}
+
+TEST(AlertNesting, EndlessChainIsCutAtTheGuardAndTheCutIsSaid)
+{
+    QelTest::DebugCapture debug;
+    QelTest::LogCapture log;
+    ChainRaiser<EndlessWarning> chain(0);
+    QEL_RAISE_WARNING(EndlessWarning(1), "Qel.Test.Chain"); // returns
+    EXPECT_EQ(chain.m_iHeard, g_iMAX_ALERT_NESTING);
+    const std::string cut = "Alerts nested 64 deep on this thread, each raised by a listener of the one before: "
+                            "chain cut; the warning " + ReadableTypeName(typeid(EndlessWarning)) +
+                            " \"chain 65\" was not broadcast or recorded";
+    EXPECT_EQ(CutReports(debug), std::vector<std::string>{cut + "\n"});
+    EXPECT_TRUE(QelTest::Eventually([&] { return log.Holds(cut); }));
+}
+
+TEST(AlertManagerThreads, HandlerThatWarnsDoesNotDeadlockWithARaisingThread)
+{
+    // The handler raises a warning (it needs the alert source) while another thread raises an
+    // error (it holds the alert source while the manager records the error).
+    struct WarningHandler : ErrorHandler
+    {
+        std::atomic<int> handled{0};
+        bool Handle(Error&) override
+        {
+            QEL_RAISE_WARNING(NoticeWarning(3), "Qel.Test");
+            ++handled;
+            return true;
+        }
+    };
+    auto handler = std::make_shared<WarningHandler>();
+    HandlerScope scope(typeid(DerivedError), handler);
+    QelTest::Watchdog watchdog("in-place handler raising a warning beside a raising thread");
+    constexpr int kRounds = 300;
+    std::atomic<int> thrown{0};
+    std::thread handling([&] {
+        for (int i = 0; i < kRounds; ++i) QEL_RAISE_HANDLEABLE_ERROR(DerivedError(), "Qel.Test");
+    });
+    std::thread raising([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            try {
+                QEL_RAISE_ERROR(RecordA(), "Qel.Test");
+            } catch (RecordA&) {
+                ++thrown;
+            }
+        }
+    });
+    handling.join();
+    raising.join();
+    EXPECT_EQ(handler->handled.load(), kRounds);
+    EXPECT_EQ(thrown.load(), kRounds);
 }

@@ -18,6 +18,8 @@ namespace {
 
 std::vector<std::string> g_Calls;
 
+QEL_DEFINE_WARNING(Churn, Warning, "churn")
+
 class Counter : public NotificationListener
 {
 public:
@@ -282,4 +284,80 @@ TEST(NotificationThreads, ListenersComeAndGoWhileSourcesBroadcast)
     churn.join();
     EXPECT_EQ(steady.m_iCount, broadcasts);
     EXPECT_EQ(source.GetNumListeners(), 1);
+}
+
+TEST(NotificationThreads, ListenerBuildingShortLivedObjectsBesideAnEndingAlertListener)
+{
+    // While told of an alert (the alert source's lock held), a listener builds and ends a listener
+    // and a source of its own; another thread keeps ending scoped alert listeners.
+    struct Builder : AlertListener
+    {
+        std::atomic<int> heard{0};
+        void WarningRaised(Warning& warning) override
+        {
+            if (warning.GetMessageA() != "churn") return;
+            {
+                NotificationSupport source;
+                Counter listener;
+                source.AddListener(listener);
+                Ping ping;
+                source.Broadcast(ping, true);
+            }
+            {
+                Counter alone;
+            }
+            {
+                NotificationSupport alone;
+            }
+            ++heard;
+        }
+        ~Builder() override { RemoveAllNotificationSources(); }
+    } builder;
+    AlertManager::Instance()->AddAlertListener(builder);
+    QelTest::Watchdog watchdog("listener building short-lived sources beside ending alert listeners");
+    constexpr int kRounds = 300;
+    std::atomic<bool> stop{false};
+    std::thread ending([&] {
+        while (!stop.load()) {
+            AlertListener scoped;
+            AlertManager::Instance()->AddAlertListener(scoped);
+        }
+    });
+    std::thread raising([&] {
+        for (int i = 0; i < kRounds; ++i) QEL_RAISE_WARNING(Churn(), "Qel.Test");
+        stop = true;
+    });
+    raising.join();
+    ending.join();
+    AlertManager::Instance()->RemoveAlertListener(builder);
+    EXPECT_EQ(builder.heard.load(), kRounds);
+}
+
+TEST(NotificationThreads, SourcesAndListenersLinkedAllToAllDieTogetherOnTwoThreads)
+{
+    // Each round links every listener to every source and ends the sources on one thread while
+    // the listeners end on another; the sanitizers see any touch of an object that has gone.
+    QelTest::Watchdog watchdog("sources and listeners ending together");
+    constexpr int kRounds = 200, kEach = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<std::unique_ptr<NotificationSupport>> sources;
+        std::vector<std::unique_ptr<Counter>> listeners;
+        for (int i = 0; i < kEach; ++i) {
+            sources.push_back(std::make_unique<NotificationSupport>());
+            listeners.push_back(std::make_unique<Counter>());
+        }
+        for (auto& source : sources)
+            for (auto& listener : listeners) source->AddListener(*listener);
+        std::atomic<int> ready{0};
+        auto endAll = [&ready](auto& objects) {
+            ++ready;
+            while (ready.load() < 2) {
+            }
+            objects.clear();
+        };
+        std::thread first([&] { endAll(sources); });
+        std::thread second([&] { endAll(listeners); });
+        first.join();
+        second.join();
+    }
 }

@@ -5,6 +5,7 @@
 
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
+#include "Infrastructure/QelCore/Logging/LogInternal.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/StringTools.h"
 #include "Infrastructure/QelCore/XMLWriter.h"
@@ -176,12 +177,47 @@ void AlertManager::RemoveAlertListener(AlertListener& listener)
     m_Notifier.RemoveListener(listener);
 }
 
+namespace {
+// Says on the debug output and in the log that the nesting guard kept this notification back.
+// Nothing is broadcast from here, and nothing escapes.
+void ReportCutChain(Notification& notification) noexcept
+{
+    try {
+        std::string what;
+        AlertInfo* alert = nullptr;
+        if (auto* raised = dynamic_cast<ErrorRaised*>(&notification)) {
+            what = "error";
+            alert = &raised->GetError();
+        } else if (auto* handled = dynamic_cast<ErrorHandled*>(&notification)) {
+            what = "handled error";
+            alert = &handled->GetError();
+        } else if (auto* warning = dynamic_cast<WarningRaised*>(&notification)) {
+            what = "warning";
+            alert = &warning->GetWarning();
+        } else {
+            what = "notification " + ReadableTypeName(typeid(notification));
+        }
+        if (alert != nullptr) what += " " + ReadableTypeName(typeid(*alert)) + " \"" + alert->GetMessageA() + "\"";
+        std::string text = "Alerts nested " + std::to_string(g_iMAX_ALERT_NESTING) +
+                           " deep on this thread, each raised by a listener of the one before: chain cut; the " +
+                           what + " was not broadcast or recorded";
+        Platform::DebugOutput(text + "\n");
+        Detail::WriteLogText(sBROADCAST_LOG, QelLogWarning, text);
+    } catch (...) {
+    }
+}
+} // namespace
+
 void AlertManager::Broadcast(Notification& notification)
 {
     // A listener that fails on every alert would otherwise answer each warning about its failure
-    // with another failure, without end: alert broadcasts nest on a thread only so deep.
+    // with another failure, without end: alert broadcasts nest on a thread only so deep, and the
+    // cut is reported.
     static thread_local int t_iDepth = 0;
-    if (t_iDepth >= g_iMAX_ERROR_RECURSION_DEPTH) return;
+    if (t_iDepth >= g_iMAX_ALERT_NESTING) {
+        ReportCutChain(notification);
+        return;
+    }
     struct Nesting
     {
         Nesting() { ++t_iDepth; }
@@ -305,16 +341,31 @@ void AlertManager::RemoveErrorHandler(const std::string& typeName, std::shared_p
 
 bool AlertManager::UseErrorHandler(Error& error)
 {
-    std::vector<std::string> classes;
-    StringTools::Split(error.GetData(Error::sINHERITANCE), "=>", classes);
-    Lock guard(m_ErrorLock);
+    // The handler lists of the error's classes, most derived first, copied under m_ErrorLock; the
+    // handlers are called after it is released. A handler may do anything an alert listener may
+    // (raise, add or remove handlers and listeners), and holding m_ErrorLock across it would
+    // close a cycle with a thread that holds the alert source and records an error.
+    std::vector<std::list<std::shared_ptr<ErrorHandler>>> lists;
+    std::vector<ErrorHandler*> declined; // in the order of asking; told last-asked first
+    try {
+        std::vector<std::string> classes;
+        StringTools::Split(error.GetData(Error::sINHERITANCE), "=>", classes);
+        Lock guard(m_ErrorLock);
+        lists.reserve(classes.size());
+        for (auto it = classes.rbegin(); it != classes.rend(); ++it) {
+            auto record = m_ErrorRecords.find(*it);
+            if (record != m_ErrorRecords.end() && !record->second.m_Handlers.empty())
+                lists.push_back(record->second.m_Handlers);
+        }
+        std::size_t total = 0;
+        for (const auto& handlers : lists) total += handlers.size();
+        declined.reserve(total);
+    } catch (std::bad_alloc&) {
+        // No memory to look the handlers up: the error is thrown as if none took it.
+        return false;
+    }
     bool handled = false;
-    std::list<std::shared_ptr<ErrorHandler>> declined;
-    for (auto it = classes.rbegin(); it != classes.rend() && !handled; ++it) {
-        auto record = m_ErrorRecords.find(*it);
-        if (record == m_ErrorRecords.end()) continue;
-        // A copy of the list: a handler may add or remove handlers while it runs.
-        std::list<std::shared_ptr<ErrorHandler>> handlers = record->second.m_Handlers;
+    for (const auto& handlers : lists) {
         for (const auto& handler : handlers) {
             if (!handler) continue;
             if (handled) {
@@ -323,11 +374,13 @@ bool AlertManager::UseErrorHandler(Error& error)
             }
             Lock handlerGuard(handler->m_HandlerLock);
             if (handler->Handle(error)) handled = true;
-            else declined.push_front(handler);
+            else declined.push_back(handler.get());
         }
+        // The first class whose list took the error ends the walk: base classes hear nothing.
+        if (handled) break;
     }
     if (handled)
-        for (const auto& handler : declined) handler->HandledByLatter(error);
+        for (auto it = declined.rbegin(); it != declined.rend(); ++it) (*it)->HandledByLatter(error);
     return handled;
 }
 

@@ -1,24 +1,15 @@
 // Sources, listeners and their two-way links.
 #include "Infrastructure/QelCore/Notification.h"
 
-#include "Infrastructure/QelCore/Utilities/Immortal.h"
-
 #include <vector>
 
 namespace Qel::Core {
 
-Mutex& NotificationTeardownLock()
+struct Detail::NotificationAnchor
 {
-    // Never destroyed: sources and listeners with static storage may go after the library's own
-    // static objects.
-    static Utilities::Immortal<Mutex> s_Lock;
-    return s_Lock.Get();
-}
-
-namespace {
-// Built at load with the library's other process-wide objects, before any thread can race for it.
-[[maybe_unused]] Mutex& s_TeardownLockAtLoad = NotificationTeardownLock();
-} // namespace
+    Mutex m_Lock;
+    NotificationSupport* m_pOwner = nullptr; // read and cleared under m_Lock
+};
 
 // ---- NotificationListener ----
 
@@ -36,7 +27,7 @@ NotificationListener::~NotificationListener()
 void NotificationListener::AddNotificationSource(NotificationSupport& source)
 {
     Lock guard(m_SourcesLock);
-    m_Sources.insert(&source);
+    m_Sources[&source] = source.m_spAnchor;
 }
 
 void NotificationListener::RemoveNotificationSource(NotificationSupport& source)
@@ -48,12 +39,22 @@ void NotificationListener::RemoveNotificationSource(NotificationSupport& source)
 
 void NotificationListener::RemoveAllNotificationSources()
 {
-    Lock teardown(NotificationTeardownLock());
-    Lock guard(m_SourcesLock);
-    std::unordered_set<NotificationSupport*> sources;
-    sources.swap(m_Sources);
-    for (NotificationSupport* source : sources)
-        if (source != nullptr) source->RemoveListener(*this);
+    // The set is emptied under this listener's lock, which is let go before any source's lock
+    // is taken (see the header for why that is enough).
+    decltype(m_Sources) sources;
+    {
+        Lock guard(m_SourcesLock);
+        sources.swap(m_Sources);
+    }
+    for (auto& [source, anchor] : sources) {
+        if (!anchor) continue;
+        try {
+            Lock guard(anchor->m_Lock);
+            if (anchor->m_pOwner != nullptr) anchor->m_pOwner->Unlink(*this, true);
+        } catch (...) {
+            // Unlink has warned already; the other sources are still let go.
+        }
+    }
 }
 
 std::size_t NotificationListener::GetNumSources() const
@@ -83,17 +84,28 @@ void WarnRemovalFailure()
 } // namespace
 
 NotificationSupport::NotificationSupport(ENotificationOrder order)
-    : m_Order(order), m_iCount(0), m_iBroadcastDepth(0)
+    : m_spAnchor(std::make_shared<Detail::NotificationAnchor>()), m_Order(order), m_iCount(0), m_iBroadcastDepth(0)
 {
+    m_spAnchor->m_pOwner = this;
 }
 
 NotificationSupport::~NotificationSupport()
 {
     try {
-        Lock teardown(NotificationTeardownLock());
-        RemoveAllListeners();
+        Lock guard(ListenersLock());
+        try {
+            RemoveAllListeners();
+        } catch (...) {
+        }
+        // From here on a listener that still holds the anchor finds the source gone.
+        m_spAnchor->m_pOwner = nullptr;
     } catch (...) {
     }
+}
+
+Mutex& NotificationSupport::ListenersLock() const
+{
+    return m_spAnchor->m_Lock;
 }
 
 NotificationSupport::List::iterator NotificationSupport::Find(NotificationListener& listener)
@@ -119,8 +131,12 @@ void NotificationSupport::Compact()
 
 void NotificationSupport::AddListener(NotificationListener& listener)
 {
-    Lock guard(m_ListenersLock);
+    Lock guard(ListenersLock());
     if (Find(listener) != m_Listeners.end()) return;
+    // The listener learns of the source first: if that fails, nothing is linked; if the list
+    // cannot take the listener afterwards, the listener's teardown finds it absent, which is
+    // harmless.
+    listener.AddNotificationSource(*this);
     auto live = [](const Entry& entry) { return entry.pListener != nullptr; };
     if (listener.IsPrioritized()) {
         // Before the first listener that it outranks.
@@ -151,25 +167,30 @@ void NotificationSupport::AddListener(NotificationListener& listener)
         }
     }
     ++m_iCount;
-    listener.AddNotificationSource(*this);
 }
 
 void NotificationSupport::RemoveListener(NotificationListener& listener)
 {
-    Lock guard(m_ListenersLock);
+    Unlink(listener, false);
+}
+
+void NotificationSupport::Unlink(NotificationListener& listener, bool unlinkAlways)
+{
+    Lock guard(ListenersLock());
     auto element = Find(listener);
     if (element == m_Listeners.end()) return;
     try {
         listener.RemoveNotificationSource(*this);
         Erase(element);
     } catch (...) {
+        if (unlinkAlways) Erase(element);
         WarnRemovalFailure();
     }
 }
 
 void NotificationSupport::RemoveAllListeners()
 {
-    Lock guard(m_ListenersLock);
+    Lock guard(ListenersLock());
     for (Entry& entry : m_Listeners) {
         if (entry.pListener == nullptr) continue;
         try {
@@ -212,7 +233,7 @@ void NotificationSupport::notify_with_catch(NotificationListener& listener, Noti
 
 void NotificationSupport::Broadcast(Notification& notification, bool catchErrors)
 {
-    Lock guard(m_ListenersLock);
+    Lock guard(ListenersLock());
     // Removed elements stay in the list (without their listener) until the outermost broadcast
     // ends, so that the walk's next element can never be taken away under it.
     struct Depth

@@ -25,6 +25,14 @@ namespace Qel::Core {
 QEL_DEFINE_WARNING_API(QEL_CORE_API, ErrorDuringAlertNotification, Warning,
                        "Error occurred during an alert notification:\n%1%", std::string)
 
+// How deep alert broadcasts may nest on one thread: an alert raised by a listener while it is
+// told of an alert, raised by a listener while it is told of an alert, and so on. Alerts down to
+// this depth are delivered, recorded and logged as any other; the one past it is not broadcast
+// (so an endless chain, such as a listener that fails on every alert, ends), and the cut is
+// said in one line to the debug output and in the log (a warning line under the logger
+// "QelCore.AlertManager.AlertBroadcast"). An error raised in such a chain is still thrown.
+constexpr int g_iMAX_ALERT_NESTING = 64;
+
 // Hears alerts. Link it with AlertManager::AddAlertListener; its destructor unlinks it.
 class QEL_CORE_API AlertListener : public NotificationListener
 {
@@ -147,6 +155,7 @@ class QEL_CORE_API ErrorRaised : public Notification
 public:
     explicit ErrorRaised(Error& error) : m_Error(error) {}
     void Notify(NotificationListener& listener) override;
+    Error& GetError() const { return m_Error; }
 
 private:
     Error& m_Error;
@@ -157,6 +166,7 @@ class QEL_CORE_API ErrorHandled : public Notification
 public:
     explicit ErrorHandled(Error& error) : m_Error(error) {}
     void Notify(NotificationListener& listener) override;
+    Error& GetError() const { return m_Error; }
 
 private:
     Error& m_Error;
@@ -167,6 +177,7 @@ class QEL_CORE_API WarningRaised : public Notification
 public:
     explicit WarningRaised(Warning& warning) : m_Warning(warning) {}
     void Notify(NotificationListener& listener) override;
+    Warning& GetWarning() const { return m_Warning; }
 
 private:
     Warning& m_Warning;
