@@ -5,7 +5,9 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Locale.h"
 #include "Infrastructure/QelCore/LogManager.h"
+#include "Infrastructure/QelCore/ErrorHandling/FatalError.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/Platform/FatalExit.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
@@ -43,6 +45,17 @@ bool IsUnloading()
 
 void FatalExit(int status)
 {
+    // The first caller ends the process. A second call from the thread that is already in exit
+    // (a terminate in an exit handler) may not call exit again: it ends the process at once. A
+    // call from another thread waits for the first to finish.
+    static std::atomic<std::uint32_t> s_iExitingThread{0};
+    const std::uint32_t self = Platform::CurrentThreadId();
+    std::uint32_t first = 0;
+    if (!s_iExitingThread.compare_exchange_strong(first, self)) {
+        if (first == self) Platform::QuickExit(status);
+        Platform::ParkThread();
+    }
+    Platform::ArmFatalExitGuards(status, FatalErrors::ExitLimit());
     s_bFatalExit = true;
     Platform::ExitProcess(status);
 }
