@@ -81,8 +81,11 @@ void Shutdown()
     if (s_bShutdownBegun) return;
     s_bShutdownBegun = true;
     System::SignalShutdown();
+    // In a fatal exit other threads of the host may still be inside the library's objects: they
+    // are shut down but not destroyed (the process is ending anyway).
+    const bool fatal = IsFatalExit();
     try {
-        Frame::DestroyAllSingletons();
+        if (!fatal) Frame::DestroyAllSingletons();
     } catch (...) {
         // A failing singleton does not stop the shutdown.
     }
@@ -92,8 +95,10 @@ void Shutdown()
             manager->Shutdown();
         } catch (...) {
         }
-        Globals::Instance().m_pLogManager = nullptr;
-        Globals::Instance().Remove<LogManager>("LogManager");
+        if (!fatal) {
+            Globals::Instance().m_pLogManager = nullptr;
+            Globals::Instance().Remove<LogManager>("LogManager");
+        }
     }
     StandIns::ReleaseDebugHelp();
 }
@@ -142,6 +147,15 @@ void ManagedGlobals::RemoveKey(const std::string& key)
 void ManagedGlobals::DestroyAll()
 {
     Lock guard(m_Lock);
+    if (IsFatalExit()) {
+        // The process is ending through its fatal path while other threads may still use the
+        // objects: they are left alive, and nothing reaches them through the registry any more.
+        auto* abandoned = new std::list<std::shared_ptr<GlobalEntryBase>>(std::move(m_Entries));
+        Platform::KeepForever(abandoned);
+        m_Entries.clear();
+        m_Index.clear();
+        return;
+    }
     while (!m_Entries.empty()) {
         std::shared_ptr<GlobalEntryBase> doomed = std::move(m_Entries.back());
         m_Entries.pop_back();
