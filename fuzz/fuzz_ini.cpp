@@ -1,4 +1,5 @@
 // Fuzzes the reader of settings files: any text parses, and every look-up is safe.
+#include "Infrastructure/QelCore/PathName.h"
 #include "Infrastructure/QelCore/Platform/SystemInfo.h"
 
 #include <cstddef>
@@ -17,6 +18,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (file.GetString(section, key, value) && value.size() > Qel::Core::Platform::IniFile::sMaxValueLength)
                 __builtin_trap();
             (void)file.GetInt(section, key, -1);
+        }
+    }
+    // The report folder of fatal errors as the alert manager derives it from ErrorPath: macros
+    // expanded, made a folder, asked whether it is a valid path.
+    for (const char* section : {"default", "Acquire"}) {
+        if (file.GetString(section, "ErrorPath", value) && !value.empty()) {
+            Qel::Core::PathName folder(Qel::Core::ExpandPathMacros(value));
+            folder.ForceAsDir();
+            (void)folder.IsValid();
         }
     }
     // Sections and keys taken from the input itself.

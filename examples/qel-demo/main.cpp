@@ -2,6 +2,7 @@
 #include <Infrastructure/QelCore/QelCore.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <set>
@@ -397,11 +398,42 @@ void ShowLog(std::streamoff runStart)
               << section;
 }
 
+// Hears the fatal error: the folder and stamp of its report.
+class FatalListener : public AlertListener
+{
+public:
+    void UncaughtFatalError(Error& error, const std::string& reportPath) override
+    {
+        std::cout << "  [listener] uncaught: " << error.GetMessageA() << "\n  report: " << reportPath
+                  << "ErrorInfo.xml\n"
+                  << std::flush;
+    }
+};
+
+// Dies of an uncaught error: the report, the log entry, the copy on standard error, status 255.
+[[noreturn]] void DieOfUncaughtError()
+{
+    Heading("An error that escapes every catch block");
+    std::string folder = AlertManager::Instance()->GetFatalErrorBasePath();
+    // The library makes no folder: the host makes the one that SystemInfo.ini names.
+    PathName(folder).CreateBranch();
+    std::cout << "reports go to " << folder << "\n" << std::flush;
+    AlertManager::Instance()->AddFatalErrorInfo("DemoRun", "qel-demo --fatal");
+    static FatalListener listener;
+    AlertManager::Instance()->AddAlertListener(listener);
+    RunSequence(); // throws, and nothing catches it
+    std::abort();
+}
+
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
     std::cout << "qel-demo: QelCore in a host process\n";
+    if (argc > 1 && std::string(argv[1]) == "--fatal") {
+        InitializeQelCore();
+        DieOfUncaughtError();
+    }
     const std::streamoff logStart = FileLength(EntriesFileName());
     InitializeQelCore();
     ShowSystem();

@@ -3,6 +3,8 @@
 #include "Infrastructure/QelCore/AlertManager.h"
 #include "Infrastructure/QelCore/Locale.h"
 
+#include "Infrastructure/QelCore/ErrorHandling/CurrentErrors.h"
+#include "Infrastructure/QelCore/ErrorHandling/FatalError.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
 #include "Infrastructure/QelCore/Globals.h"
 #include "Infrastructure/QelCore/Logging/LogInternal.h"
@@ -14,30 +16,6 @@
 #include <vector>
 
 namespace Qel::Core {
-
-// The last error raised on each thread, as plain copies that share the alert's body and hold no
-// raised status. Entries of ended threads stay for the life of the process.
-class CurrentErrors
-{
-public:
-    void Store(const Error& error)
-    {
-        Lock guard(m_Mutex);
-        auto copy = std::make_shared<Error>(AlertInfo::eERROR);
-        copy->Copy(error, false);
-        m_Errors[Platform::ThreadIdFast()] = std::move(copy);
-    }
-    std::shared_ptr<Error> Get() const
-    {
-        Lock guard(m_Mutex);
-        auto found = m_Errors.find(Platform::ThreadIdFast());
-        return found == m_Errors.end() ? nullptr : found->second;
-    }
-
-private:
-    std::unordered_map<std::uint32_t, std::shared_ptr<Error>> m_Errors;
-    mutable Mutex m_Mutex;
-};
 
 namespace {
 std::atomic<AlertManager*> s_pInstance{nullptr};
@@ -145,16 +123,21 @@ void UncaughtFatalErrorNotification::Notify(NotificationListener& listener)
 
 // ---- AlertManager ----
 
-AlertManager::AlertManager() : m_Notifier(NotificationSupport::eLAST_ADDED_FIRST)
+AlertManager::AlertManager()
+    : m_Notifier(NotificationSupport::eLAST_ADDED_FIRST), m_pPreviousTerminate(nullptr),
+      m_eDumpPolicy(eDUMP_REFERENCED_MEMORY)
 {
-    // The fatal-error settings and the terminate handler join with the fatal error reports.
+    // From here on an error that escapes every catch block ends in the fatal error report.
+    m_pPreviousTerminate = std::set_terminate(&FatalErrors::TerminateHandler);
     Globals::Instance().Add<CurrentErrors>("CurrentErrors");
     m_Notifier.AddListener(*this);
     s_pInstance.store(this);
+    InitErrorPath();
 }
 
 AlertManager::~AlertManager()
 {
+    std::set_terminate(m_pPreviousTerminate);
     s_pInstance.store(nullptr);
     try {
         m_Notifier.RemoveAllListeners();

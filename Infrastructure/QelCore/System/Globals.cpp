@@ -5,7 +5,9 @@
 #include "Infrastructure/QelCore/Error.h"
 #include "Infrastructure/QelCore/Locale.h"
 #include "Infrastructure/QelCore/LogManager.h"
+#include "Infrastructure/QelCore/ErrorHandling/FatalError.h"
 #include "Infrastructure/QelCore/ErrorHandling/StandIns.h"
+#include "Infrastructure/QelCore/Platform/FatalExit.h"
 #include "Infrastructure/QelCore/Platform/Platform.h"
 #include "Infrastructure/QelCore/Platform/Threads.h"
 #include "Infrastructure/QelCore/System.h"
@@ -45,6 +47,17 @@ bool IsUnloading()
 
 void FatalExit(int status)
 {
+    // The first caller ends the process. A second call from the thread that is already in exit
+    // (a terminate in an exit handler) may not call exit again: it ends the process at once. A
+    // call from another thread waits for the first to finish.
+    static std::atomic<std::uint32_t> s_iExitingThread{0};
+    const std::uint32_t self = Platform::CurrentThreadId();
+    std::uint32_t first = 0;
+    if (!s_iExitingThread.compare_exchange_strong(first, self)) {
+        if (first == self) Platform::QuickExit(status);
+        Platform::ParkThread();
+    }
+    Platform::ArmFatalExitGuards(status, FatalErrors::ExitLimit());
     s_bFatalExit = true;
     Platform::ExitProcess(status);
 }
@@ -70,8 +83,11 @@ void Shutdown()
     if (s_bShutdownBegun) return;
     s_bShutdownBegun = true;
     System::SignalShutdown();
+    // In a fatal exit other threads of the host may still be inside the library's objects: they
+    // are shut down but not destroyed (the process is ending anyway).
+    const bool fatal = IsFatalExit();
     try {
-        Frame::DestroyAllSingletons();
+        if (!fatal) Frame::DestroyAllSingletons();
     } catch (...) {
         // A failing singleton does not stop the shutdown.
     }
@@ -81,8 +97,10 @@ void Shutdown()
             manager->Shutdown();
         } catch (...) {
         }
-        Globals::Instance().m_pLogManager = nullptr;
-        Globals::Instance().Remove<LogManager>("LogManager");
+        if (!fatal) {
+            Globals::Instance().m_pLogManager = nullptr;
+            Globals::Instance().Remove<LogManager>("LogManager");
+        }
     }
     StandIns::ReleaseDebugHelp();
 }
@@ -148,6 +166,15 @@ void ManagedGlobals::RemoveKey(const std::string& key)
 void ManagedGlobals::DestroyAll()
 {
     Lock guard(m_Lock);
+    if (IsFatalExit()) {
+        // The process is ending through its fatal path while other threads may still use the
+        // objects: they are left alive, and nothing reaches them through the registry any more.
+        auto* abandoned = new std::list<std::shared_ptr<GlobalEntryBase>>(std::move(m_Entries));
+        Platform::KeepForever(abandoned);
+        m_Entries.clear();
+        m_Index.clear();
+        return;
+    }
     while (!m_Entries.empty()) {
         std::shared_ptr<GlobalEntryBase> doomed = std::move(m_Entries.back());
         m_Entries.pop_back();

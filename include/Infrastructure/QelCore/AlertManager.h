@@ -5,6 +5,27 @@
 // class (how often raised; for warnings how many were let through and how many silenced), holds
 // the in-place error handlers by class, and the last error raised on each thread. Listeners run on
 // the raising thread, one alert at a time in the process.
+//
+// Fatal errors. The manager installs the process's terminate handler (std::set_terminate) when
+// the library loads, so every std::terminate of the host ends here: an error or any other
+// exception that escapes every catch block (of main or of any thread), a noexcept function that
+// throws, a joinable std::thread destroyed, a direct call of std::terminate. The handler takes
+// the error that killed the process (the last error raised on the dying thread, else the first
+// one recorded for any thread, else an UnknownError with "No Message"), turns log buffering off
+// so that nothing logged from then on is lost, writes the report file, tells the listeners
+// (AlertListener::UncaughtFatalError with the report's folder and time stamp), writes the same
+// report to the standard error stream and ends the process with FatalExit(-1): exit status 255.
+//
+// Where reports go: "<folder><stamp>ErrorInfo.xml", the stamp being the local time as
+// "YYYY-MM-DD__hh-mm-ss__" (reports within 10 s share it; the second report of a process is
+// ErrorInfo3.xml, then ErrorInfo4.xml ...). The folder is ErrorPath of SystemInfo.ini beside the
+// executable (the process's own section over [default]; path macros allowed), else
+// GetCommonDataPath() + "Errors/"; SetFatalErrorBasePath changes it. No folder is ever made: when
+// the folder does not exist the report goes to the current folder, and the warning
+// FallbackFatalErrorPath says so. By default only the first fatal error of a process is reported
+// (SetMaxFatalErrorReports); 0 turns reports off. The way out takes at most 20 s: a process still
+// running then (an exit handler that hangs) is ended at once, and a crash on the way out ends it
+// with status 255 too.
 #pragma once
 
 #include "Infrastructure/QelCore/Error.h"
@@ -13,6 +34,8 @@
 #include "Infrastructure/QelCore/ReadersWriterMutex.h"
 
 #include <atomic>
+#include <cstdint>
+#include <exception>
 #include <list>
 #include <memory>
 #include <set>
@@ -32,6 +55,23 @@ QEL_DEFINE_WARNING_API(QEL_CORE_API, ErrorDuringAlertNotification, Warning,
 // said in one line to the debug output and in the log (a warning line under the logger
 // "QelCore.AlertManager.AlertBroadcast"). An error raised in such a chain is still thrown.
 constexpr int g_iMAX_ALERT_NESTING = 64;
+
+// ---- fatal error reports ----
+QEL_DEFINE_WARNING_API(QEL_CORE_API, InvalidFatalErrorPath, Warning,
+                       "Attempted to set an invalid fatal error base path of:\n%1%", std::string)
+QEL_DEFINE_WARNING_API(QEL_CORE_API, OpenXMLErrorReportFailed, Warning,
+                       "Failed to open file to generate the XML error report named:\n%1%", std::string)
+QEL_DEFINE_WARNING_API(QEL_CORE_API, FallbackFatalErrorPath, Warning,
+                       "Storing fatal error information in fallback path of\n%1%", std::string)
+
+// Which kind of crash dump a fault writes. Any other value behaves like eDUMP_MINIMAL.
+enum EDumpPolicy : std::int32_t
+{
+    eDUMP_MINIMAL = 0,           // stacks only
+    eDUMP_REFERENCED_MEMORY = 1, // stacks and the memory they refer to; the default
+    eDUMP_PRIVATE_MEMORY = 2,    // also data segments and private read-write memory
+    eDUMP_FULL_MEMORY = 3        // the whole memory
+};
 
 // Hears alerts. Link it with AlertManager::AddAlertListener; its destructor unlinks it.
 class QEL_CORE_API AlertListener : public NotificationListener
@@ -228,6 +268,26 @@ public:
     // null if none was.
     std::shared_ptr<Error> GetCurrentError() const;
 
+    // ---- fatal error reports (see the top of this file) ----
+    // Extra elements written ahead of the Error element of every report. Takes no lock: set them
+    // while one thread runs.
+    void AddFatalErrorInfo(const std::string& key, const std::string& value);
+    EDumpPolicy GetDumpPolicy() const { return m_eDumpPolicy; }
+    void SetDumpPolicy(EDumpPolicy policy) { m_eDumpPolicy = policy; }
+    // The report folder, ending in a separator.
+    std::string GetFatalErrorBasePath() const;
+    // A syntactically valid path becomes the folder, with the path's own separator appended
+    // unless it ends in '/' or '\'; true. Otherwise the warning InvalidFatalErrorPath, false, and
+    // the folder stays. The folder need not exist and is not made.
+    bool SetFatalErrorBasePath(const std::string& path);
+    // How many fatal errors the process reports; 1 at load, 0 for none.
+    static int GetMaxFatalErrorReports();
+    static void SetMaxFatalErrorReports(int maxReports);
+    // Appends the report folder (while the library is not unloading) and the time stamp, made
+    // anew when more than 10 s have passed since the last one, to `path`. False when the folder
+    // is not an existing folder: the caller then writes into a fallback folder of its own.
+    static bool BuildFatalErrorPath(std::string& path);
+
 protected:
     friend class Error;
     friend class Warning;
@@ -238,13 +298,26 @@ protected:
     bool ShouldDoWarningBroadcast(const std::string& typeName);
     // The display-format cache: the format of the class, looked up once per process.
     std::string CachedDisplayFormat(const std::string& typeName, const std::string& defaultFormat);
+    // Writes the report of the error that ends the process and tells the listeners; runs on the
+    // dying thread and lets nothing out.
+    void OnFatalError(Error& error);
 
 private:
+    friend class FatalErrorPath;
+    // The report folder from SystemInfo.ini or the default; at the end of the constructor.
+    void InitErrorPath();
+
     NotificationSupport m_Notifier;
     std::unordered_map<std::string, WarningRecord> m_WarningRecords;
     std::unordered_map<std::string, ErrorRecord> m_ErrorRecords;
     Mutex m_WarningLock;
     Mutex m_ErrorLock;
+    std::string m_sFatalErrorBasePath;
+    std::string m_sFatalErrorReportPath;
+    std::terminate_handler m_pPreviousTerminate;
+    EDumpPolicy m_eDumpPolicy;
+    std::unordered_map<std::string, std::string> m_FatalErrorInfo;
+    static std::atomic<std::int32_t> sm_iMaxFatalErrorReports;
     std::unordered_map<std::string, std::string> m_DisplayFormats;
     ReadersWriterMutex m_DisplayFormatsLock;
 };

@@ -80,6 +80,8 @@ protected:
     void AppendInheritance(const std::type_info& type);
 
     friend class ErrorTestAccess;
+    // Marks the error that ends the process, so that its end is not announced as handled.
+    friend class AlertManager;
 
 private:
     mutable std::string m_sWhat;
