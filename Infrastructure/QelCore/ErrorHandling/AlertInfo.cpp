@@ -107,7 +107,11 @@ const std::string& AlertInfo::GetData(const std::string& key) const
 bool AlertInfo::SetData(const std::string& key, const std::string& value)
 {
     if (!m_spData) return false;
-    (*m_spData)[key] = value;
+    try {
+        (*m_spData)[key] = value;
+    } catch (...) {
+        return false; // the heap refused the key or the value
+    }
     return true;
 }
 
@@ -118,13 +122,19 @@ bool AlertInfo::DataExists(const std::string& key) const
 
 bool AlertInfo::GetAllData(StringMap& out) const
 {
-    if (!m_spData) {
-        out.clear();
-        out[sMESSAGE] = "No error data due to memory allocation failure";
-        return false;
+    if (m_spData) {
+        try {
+            out = *m_spData;
+            return true;
+        } catch (...) {
+        }
     }
-    out = *m_spData;
-    return true;
+    out.clear();
+    try {
+        out[sMESSAGE] = "No error data due to memory allocation failure";
+    } catch (...) {
+    }
+    return false;
 }
 
 const std::string& AlertInfo::GetMessageA() const
@@ -140,7 +150,11 @@ const std::string& AlertInfo::GetDisplayMessage() const
 
 void AlertInfo::PushContext(const CodeContext& context)
 {
-    if (m_spUnwindStack) m_spUnwindStack->push_back(context);
+    try {
+        if (m_spUnwindStack) m_spUnwindStack->push_back(context);
+    } catch (...) {
+        // No memory for the position: the trail misses it (push_back leaves the stack as it was).
+    }
 }
 
 std::string AlertInfo::SeverityText(ESeverity severity)
@@ -153,10 +167,13 @@ std::string AlertInfo::SeverityText(ESeverity severity)
     }
 }
 
-void AlertInfo::SetSeverity(ESeverity severity)
+void AlertInfo::SetSeverity(ESeverity severity) noexcept
 {
     m_eSeverity = severity;
-    SetData(sSEVERITY, SeverityText(severity));
+    try {
+        SetData(sSEVERITY, SeverityText(severity));
+    } catch (...) {
+    }
 }
 
 void AlertInfo::ToXML(XMLWriter& writer, std::ostream& out, const std::string& circumstance)
@@ -188,9 +205,17 @@ void AlertInfo::GetDisplayFormat(const std::string& typeName, const std::string&
 }
 
 void AlertInfo::ComposeMessages(const std::type_info& type, const std::string& defaultFormat,
-                                const MessageFormatter& formatter, bool appendInheritance)
+                                const MessageFormatter& formatter, bool appendInheritance) noexcept
+{
+    ComposeMessages(type, defaultFormat.c_str(), formatter, appendInheritance);
+}
+
+void AlertInfo::ComposeMessages(const std::type_info& type, const char* defaultFormatText,
+                                const MessageFormatter& formatter, bool appendInheritance) noexcept
 {
     try {
+        // Everything that may allocate happens in here, the format's own string included.
+        const std::string defaultFormat(defaultFormatText == nullptr ? "" : defaultFormatText);
         std::string message = formatter(defaultFormat);
         SetData(sMESSAGE, message);
         std::string typeName = TypeName(type);
@@ -205,6 +230,9 @@ void AlertInfo::ComposeMessages(const std::type_info& type, const std::string& d
     } catch (...) {
         try {
             Platform::WriteStandardError("Failed to construct alert due to exception!\n");
+        } catch (...) {
+        }
+        try {
             SetData(sMESSAGE, "Failed to construct alert message due to exception.");
         } catch (...) {
         }

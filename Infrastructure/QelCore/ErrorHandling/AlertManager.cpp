@@ -226,7 +226,10 @@ void AlertManager::Broadcast(Notification& notification)
         } catch (...) {
         }
     } catch (...) {
-        Platform::WriteStandardError("Unkown error in alert listener during alert notification\n");
+        try {
+            Platform::WriteStandardError("Unkown error in alert listener during alert notification\n");
+        } catch (...) {
+        }
     }
 }
 

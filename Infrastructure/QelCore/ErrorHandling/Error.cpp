@@ -118,6 +118,20 @@ Error::~Error()
     }
 }
 
+void Error::RaiseError(const CodeContext& context, const char* logName, bool allowInPlaceHandling)
+{
+    std::string name;
+    try {
+        if (logName != nullptr) name = logName;
+    } catch (...) {
+        // No memory for the logger's name: the error goes on without it.
+    }
+    RaiseError(context, name, allowInPlaceHandling);
+}
+
+// Every step that allocates for the library's own purposes is guarded: under heap exhaustion
+// the error is still counted, broadcast and thrown as its own class, with what could be stored.
+// What comes out is the error itself, or what an in-place handler throws.
 void Error::RaiseError(const CodeContext& context, const std::string& logName, bool allowInPlaceHandling)
 {
     PushContext(context);
@@ -142,13 +156,22 @@ void Error::RaiseError(const CodeContext& context, const std::string& logName, b
         ThreadSpecificRaisedError::Set(nullptr);
         ThreadSpecificErrorRecursionCount::Set(0);
         if (first != nullptr) throw Error(*first);
-        throw LogicError("Detected potential infinite error recursion, halted recursion and threw this generic error");
+        std::string text;
+        try {
+            text = "Detected potential infinite error recursion, halted recursion and threw this generic error";
+        } catch (...) {
+        }
+        throw LogicError(text);
     }
 
-    std::shared_ptr<ContextStack> stack = CreateCallStack();
-    if (stack) {
-        if (!m_spCallStack) m_spCallStack = stack;
-        else m_spCallStack->insert(m_spCallStack->end(), stack->begin(), stack->end());
+    try {
+        std::shared_ptr<ContextStack> stack = CreateCallStack();
+        if (stack) {
+            if (!m_spCallStack) m_spCallStack = stack;
+            else m_spCallStack->insert(m_spCallStack->end(), stack->begin(), stack->end());
+        }
+    } catch (const std::bad_alloc&) {
+        // No memory for the call stack: the error is raised without (all of) it.
     }
 
     m_bRaised = true;
@@ -182,6 +205,54 @@ void Error::Throw()
     }
     throw Error(*this);
 }
+
+namespace Detail {
+
+namespace {
+// "Attempt to allocate the error raised here failed", as far as the heap allows.
+AllocationFailed StandInForLostError() noexcept
+{
+    std::string what;
+    try {
+        what = "the error raised here";
+    } catch (...) {
+    }
+    // Moved, not copied, into the constructor: nothing to allocate on the way in.
+    return AllocationFailed(std::move(what));
+}
+} // namespace
+
+void RaiseAllocationFailed(const CodeContext& context, const char* logName, bool allowInPlaceHandling)
+{
+    AllocationFailed error = StandInForLostError();
+    error.RaiseError(context, logName, allowInPlaceHandling);
+}
+
+void RaiseAllocationFailed(const CodeContext& context, const std::string& logName, bool allowInPlaceHandling)
+{
+    AllocationFailed error = StandInForLostError();
+    error.RaiseError(context, logName, allowInPlaceHandling);
+}
+
+void RaiseAllocationFailedWarning(const CodeContext& context, const char* logName) noexcept
+{
+    try {
+        AllocationFailedWarning warning;
+        warning.RaiseWarning(context, logName);
+    } catch (...) {
+    }
+}
+
+void RaiseAllocationFailedWarning(const CodeContext& context, const std::string& logName) noexcept
+{
+    try {
+        AllocationFailedWarning warning;
+        warning.RaiseWarning(context, logName);
+    } catch (...) {
+    }
+}
+
+} // namespace Detail
 
 void Error::OnRethrow() {}
 

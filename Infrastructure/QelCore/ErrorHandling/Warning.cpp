@@ -25,6 +25,17 @@ void ResetWarningCount(const std::string& typeName)
 Warning::Warning() = default;
 Warning::~Warning() = default;
 
+void Warning::RaiseWarning(const CodeContext& context, const char* logName)
+{
+    std::string name;
+    try {
+        if (logName != nullptr) name = logName;
+    } catch (...) {
+        // No memory for the logger's name: the warning goes on without it.
+    }
+    RaiseWarning(context, name);
+}
+
 void Warning::RaiseWarning(const CodeContext& context, const std::string& logName)
 {
     PushContext(context);
@@ -35,7 +46,13 @@ void Warning::RaiseWarning(const CodeContext& context, const std::string& logNam
     }
     AlertManager* manager = AlertManager::Instance();
     if (manager == nullptr) return;
-    if (!manager->ShouldDoWarningBroadcast(TypeName(typeid(*this)))) return;
+    bool broadcast = true;
+    try {
+        broadcast = manager->ShouldDoWarningBroadcast(TypeName(typeid(*this)));
+    } catch (...) {
+        // No memory to look the limit up: the warning is told rather than lost.
+    }
+    if (!broadcast) return;
     Qel::Core::WarningRaised notification(*this);
     manager->Broadcast(notification);
 }

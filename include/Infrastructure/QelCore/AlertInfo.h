@@ -8,6 +8,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <unordered_map>
 #include <vector>
@@ -46,6 +47,10 @@ public:
     CodeContext(const std::string& file, int line, const std::string& buildTime,
                 const std::string& function, const std::string& signature);
     CodeContext(const StringMap& contextInfo, const StringMap& variables);
+    // The position that QEL_CODE_CONTEXT makes: the same keys as the constructor above, with the
+    // function name taken from the signature. Never throws: under heap exhaustion the position
+    // holds what could be stored.
+    static CodeContext AtSource(const char* file, int line, const char* buildTime, const char* signature);
     CodeContext(const CodeContext&) = default;
     CodeContext& operator=(const CodeContext&) = default;
     virtual ~CodeContext();
@@ -118,7 +123,7 @@ public:
 
     // The value of a key; an empty string if the key or the body is missing.
     const std::string& GetData(const std::string& key) const;
-    // Sets or overwrites a key; false only if the body is missing.
+    // Sets or overwrites a key; false if the body is missing or the heap refuses the value.
     bool SetData(const std::string& key, const std::string& value);
     bool DataExists(const std::string& key) const;
     // Copies the bag into `out`. Without a body `out` holds only a Message saying so, and the
@@ -131,7 +136,8 @@ public:
     const std::string& GetDisplayMessage() const;
     ESeverity GetSeverity() const { return m_eSeverity; }
 
-    // Appends a copy of the position to the unwind stack (shared with every copy of the alert).
+    // Appends a copy of the position to the unwind stack (shared with every copy of the alert);
+    // under heap exhaustion the stack stays as it was.
     void PushContext(const CodeContext& context);
     std::shared_ptr<ContextStack> GetCallStack() const { return m_spCallStack; }
     std::shared_ptr<ContextStack> GetUnwindStack() const { return m_spUnwindStack; }
@@ -143,22 +149,45 @@ public:
     static std::string SeverityText(ESeverity severity);
 
 protected:
-    // Stores the severity and its text under Severity (only the field if there is no body).
-    void SetSeverity(ESeverity severity);
+    // Stores the severity and its text under Severity (only the field if there is no body or
+    // the heap refuses the text). Never throws.
+    void SetSeverity(ESeverity severity) noexcept;
 
     // The wording that the current locale gives an alert class; `defaultFormat` if it has none.
     static void GetDisplayFormat(const std::string& typeName, const std::string& defaultFormat,
                                  std::string& format);
 
-    // Formats one way of wording the message with the constructor's arguments.
-    using MessageFormatter = std::function<std::string(const std::string& format)>;
+    // Formats one way of wording the message with the constructor's arguments. It refers to a
+    // callable (the macros' lambda) that outlives it, and allocates nothing itself, so that
+    // building it cannot fail.
+    class MessageFormatter
+    {
+    public:
+        template <typename F>
+            requires(!std::is_same_v<std::remove_cvref_t<F>, MessageFormatter>)
+        MessageFormatter(const F& callable) noexcept
+            : m_pCallable(&callable),
+              m_pInvoke([](const void* target, const std::string& format) -> std::string {
+                  return (*static_cast<const F*>(target))(format);
+              })
+        {
+        }
+        std::string operator()(const std::string& format) const { return m_pInvoke(m_pCallable, format); }
+
+    private:
+        const void* m_pCallable;
+        std::string (*m_pInvoke)(const void*, const std::string&);
+    };
 
     // The work of a constructor made by the alert-defining macros, after its severity is set:
     // Message from the default format, TypeName, DisplayMessage from the locale's wording and,
     // for an error, the class appended to Inheritance. Never throws: a bad format or wrong
-    // arguments leave a fixed message and a note on the standard error stream.
+    // arguments leave a fixed message and a note on the standard error stream, and under heap
+    // exhaustion the alert keeps what could be stored.
+    void ComposeMessages(const std::type_info& type, const char* defaultFormat, const MessageFormatter& formatter,
+                         bool appendInheritance) noexcept;
     void ComposeMessages(const std::type_info& type, const std::string& defaultFormat,
-                         const MessageFormatter& formatter, bool appendInheritance);
+                         const MessageFormatter& formatter, bool appendInheritance) noexcept;
 
     std::shared_ptr<StringMap> m_spData;
     std::shared_ptr<ContextStack> m_spCallStack;

@@ -4,7 +4,35 @@
 // AlertListeners that want them (by severity mask and data filters), keeps a record per alert
 // class (how often raised; for warnings how many were let through and how many silenced), holds
 // the in-place error handlers by class, and the last error raised on each thread. Listeners run on
-// the raising thread, one alert at a time in the process.
+// the raising thread, one alert at a time in the process: the alert source's lock is held while
+// they are told. In-place handlers run after the broadcast, on the raising thread, with no lock of
+// the manager held (the handler lists are copied first) and each Handle under its handler's own
+// m_HandlerLock.
+//
+// What a listener or an in-place handler may do:
+// - raise errors and warnings; they go through on the same thread. Alerts raised by listeners
+//   of alerts nest up to g_iMAX_ALERT_NESTING deep (the cut past it is reported on the debug
+//   output and in the log); errors raised while an error is being raised count up to
+//   g_iMAX_ERROR_RECURSION_DEPTH, after which the first of them is thrown.
+// - add and remove alert listeners and error handlers, itself included;
+// - build, use and end listeners and sources of its own (NotificationListener,
+//   NotificationSupport, AlertListener, short-lived or not), while other threads end theirs;
+// - throw: from a listener, the exception becomes the warning ListenerErrorOnNotification and the
+//   next listener is told; from a handler, it leaves the raising call like any exception.
+// What it must not do:
+// - wait for another thread that may be raising an alert at that moment: join it, wait for a
+//   condition, semaphore or queue that only it will signal, or take a lock of the host's that it
+//   holds while it raises. A listener holds the alert source's lock, so the other thread cannot
+//   finish its raising, and both wait for good. For the same reason a listener must not add or
+//   remove listeners on, broadcast on, or end another source that another thread may be
+//   broadcasting on at that moment if that source's listeners raise alerts; and it must not
+//   raise a handleable error to a handler shared with threads whose Handle raises alerts (it
+//   would wait for the handler's lock while that thread waits for the alert source).
+// - end a listener that another thread may be calling at that moment, or a source that another
+//   thread is broadcasting on (ending a source during its own broadcast is never allowed).
+// A listener class whose methods use members of its own ends its links in its own destructor
+// (RemoveAllNotificationSources()): the base destructor runs after those members are gone, and a
+// broadcast on another thread could otherwise reach the half-destroyed object.
 //
 // Fatal errors. The manager installs the process's terminate handler (std::set_terminate) when
 // the library loads, so every std::terminate of the host ends here: an error or any other
@@ -104,7 +132,8 @@ class QEL_CORE_API ErrorHandler
 {
 public:
     virtual ~ErrorHandler();
-    // True: the error is dealt with and need not be thrown. Called with m_HandlerLock held.
+    // True: the error is dealt with and need not be thrown. Called with m_HandlerLock held and
+    // no lock of the manager.
     virtual bool Handle(Error& error) = 0;
     // Told when a handler before this one took the error, so this one was not asked.
     virtual void HandledByPrior(Error&) {}

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 
@@ -54,6 +55,9 @@ public:
     // error, or while the library is unloading or the process is leaving through its fatal path
     // (then the error is written to the standard error stream instead).
     void RaiseError(const CodeContext& context, const std::string& logName, bool allowInPlaceHandling);
+    // The same with the logger's name as text: under heap exhaustion the name may be lost, the
+    // error is still raised.
+    void RaiseError(const CodeContext& context, const char* logName, bool allowInPlaceHandling);
 
     // Rethrows the exception being handled, after OnRethrow. Call it only inside a catch block.
     [[noreturn]] void Rethrow();
@@ -100,6 +104,7 @@ public:
     // Pushes the position, records the logger and, unless the class is silenced, tells the
     // listeners. Always returns.
     void RaiseWarning(const CodeContext& context, const std::string& logName);
+    void RaiseWarning(const CodeContext& context, const char* logName);
 
     std::string XMLElementName() const override;
 
@@ -277,6 +282,22 @@ QEL_DEFINE_ERROR_API(QEL_CORE_API, AllocationFailed, OSError, eERROR, "Attempt t
                      std::string)
 QEL_DEFINE_WARNING_API(QEL_CORE_API, ErrorSlicedOnThrow, Warning,
                        "%1% sliced to Qel::Core::Error in Error base class Throw() method", std::string)
+// Raised by the warning macro in place of a warning that could not be built because the heap
+// refused (its arguments or the warning itself); the raising position is the original one.
+QEL_DEFINE_WARNING_API(QEL_CORE_API, AllocationFailedWarning, Warning,
+                       "Attempt to allocate memory for a warning failed; this warning stands for it")
+
+namespace Detail {
+// What the raising macros do when building the alert (or the call site's arguments) throws
+// std::bad_alloc: an error becomes AllocationFailed ("Attempt to allocate the error raised here
+// failed"), raised at the same position, so the caller gets a typed error all the same; a
+// warning becomes AllocationFailedWarning. Neither lets std::bad_alloc out.
+QEL_CORE_API void RaiseAllocationFailed(const CodeContext& context, const char* logName, bool allowInPlaceHandling);
+QEL_CORE_API void RaiseAllocationFailed(const CodeContext& context, const std::string& logName,
+                                        bool allowInPlaceHandling);
+QEL_CORE_API void RaiseAllocationFailedWarning(const CodeContext& context, const char* logName) noexcept;
+QEL_CORE_API void RaiseAllocationFailedWarning(const CodeContext& context, const std::string& logName) noexcept;
+} // namespace Detail
 
 // A parameter with a bad value: "Invalid Parameter: <name> = <value>", the value rendered as text,
 // or "{Not Provided}" without one. Name and value are kept under ParamName and ParamValue.
@@ -335,27 +356,38 @@ QEL_CORE_API bool LogAssertFailed(const std::string& expression, const CodeConte
 
 // ---- raising ----
 
-// The position of the code where the macro stands.
-#define QEL_CODE_CONTEXT()                                                                          \
-    ::Qel::Core::CodeContext(__FILE__, __LINE__, __TIMESTAMP__,                                     \
-                             ::Qel::Core::Detail::FunctionNameOf(__PRETTY_FUNCTION__), __PRETTY_FUNCTION__)
+// The position of the code where the macro stands. Never throws (see CodeContext::AtSource).
+#define QEL_CODE_CONTEXT() \
+    ::Qel::Core::CodeContext::AtSource(__FILE__, __LINE__, __TIMESTAMP__, __PRETTY_FUNCTION__)
 
 // Raises an error (an expression that builds one) under a logger name, such as "Qel.Core.Mutex".
-#define QEL_RAISE_ERROR(alert, logName)                                      \
-    do {                                                                     \
-        (alert).RaiseError(QEL_CODE_CONTEXT(), (logName), false);            \
-    } while (false)
+// If building the error runs out of memory, AllocationFailed is raised in its place.
+#define QEL_RAISE_ERROR(alert, logName) QEL_DETAIL_RAISE_ERROR(alert, logName, false)
 
 // As QEL_RAISE_ERROR, and in-place handlers may take the error: the statement behind the macro
 // then runs.
-#define QEL_RAISE_HANDLEABLE_ERROR(alert, logName)                           \
-    do {                                                                     \
-        (alert).RaiseError(QEL_CODE_CONTEXT(), (logName), true);             \
+#define QEL_RAISE_HANDLEABLE_ERROR(alert, logName) QEL_DETAIL_RAISE_ERROR(alert, logName, true)
+
+#define QEL_DETAIL_RAISE_ERROR(alert, logName, allowInPlace)                                      \
+    do {                                                                                          \
+        const ::Qel::Core::CodeContext qelRaiseContext = QEL_CODE_CONTEXT();                      \
+        try {                                                                                     \
+            (alert).RaiseError(qelRaiseContext, (logName), (allowInPlace));                       \
+        } catch (const std::bad_alloc&) {                                                         \
+            ::Qel::Core::Detail::RaiseAllocationFailed(qelRaiseContext, (logName), (allowInPlace)); \
+        }                                                                                         \
     } while (false)
 
-#define QEL_RAISE_WARNING(alert, logName)                                    \
-    do {                                                                     \
-        (alert).RaiseWarning(QEL_CODE_CONTEXT(), (logName));                 \
+// Raises a warning; returns always. If building the warning runs out of memory,
+// AllocationFailedWarning is raised in its place.
+#define QEL_RAISE_WARNING(alert, logName)                                                         \
+    do {                                                                                          \
+        const ::Qel::Core::CodeContext qelRaiseContext = QEL_CODE_CONTEXT();                      \
+        try {                                                                                     \
+            (alert).RaiseWarning(qelRaiseContext, (logName));                                     \
+        } catch (const std::bad_alloc&) {                                                         \
+            ::Qel::Core::Detail::RaiseAllocationFailedWarning(qelRaiseContext, (logName));        \
+        }                                                                                         \
     } while (false)
 
 // Sends a line to the debug output if the expression is false; execution goes on.
@@ -380,14 +412,18 @@ QEL_CORE_API bool LogAssertFailed(const std::string& expression, const CodeConte
     {                                                                                       \
         ::Qel::Core::CodeContext qelForwardContext = QEL_CODE_CONTEXT();                    \
         __VA_ARGS__;                                                                        \
-        ::Qel::Core::StdException(qelForwardedException.what())                             \
-            .RaiseError(qelForwardContext, std::string(), false);                           \
+        try {                                                                               \
+            ::Qel::Core::StdException(qelForwardedException.what())                         \
+                .RaiseError(qelForwardContext, "", false);                                  \
+        } catch (const std::bad_alloc&) {                                                   \
+            ::Qel::Core::Detail::RaiseAllocationFailed(qelForwardContext, "", false);       \
+        }                                                                                   \
     }                                                                                       \
     catch (...)                                                                             \
     {                                                                                       \
         ::Qel::Core::CodeContext qelForwardContext = QEL_CODE_CONTEXT();                    \
         __VA_ARGS__;                                                                        \
-        ::Qel::Core::UnknownError(std::string()).RaiseError(qelForwardContext, std::string(), false); \
+        ::Qel::Core::UnknownError(std::string()).RaiseError(qelForwardContext, "", false);  \
     }
 
 #define QEL_FORWARD_ERROR QEL_FORWARD_ERROR_WITH((void)0)
