@@ -380,12 +380,17 @@ TEST(ThreadPool, ACallbackThatEndsItsThreadCountsAsDoneAndThePoolGoesOn)
     EXPECT_TRUE(pool.WaitUntilIdle(Elapse(10, Elapse::Seconds)));
     EXPECT_EQ(pool.GetPending(), 0);
     EXPECT_EQ(collect->values.size(), 10u);
-    int ended = 0;
+    // The item counts as done on the thread's way out, just before the thread's end is recorded.
+    auto ended = [&] {
+        int count = 0;
+        for (const auto& thread : pool.GetThreads()) count += thread->IsState(Thread::eTHREAD_ERROR);
+        return count;
+    };
+    EXPECT_TRUE(QelTest::Eventually([&] { return ended() == 1; }));
+    EXPECT_EQ(ended(), 1);
     for (const auto& thread : pool.GetThreads()) {
         if (!thread->IsState(Thread::eTHREAD_ERROR)) continue;
-        ++ended;
         ASSERT_NE(thread->GetLastError(), nullptr);
         EXPECT_NE(dynamic_cast<Thread::OSThreadTermination*>(thread->GetLastError().get()), nullptr);
     }
-    EXPECT_EQ(ended, 1);
 }

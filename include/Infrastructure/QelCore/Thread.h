@@ -16,7 +16,9 @@
 // killed while it waits in the library (WaitForStopRequest, TimedWaitForStopRequest, a Condition,
 // a Semaphore, Queue::Dequeue, waiting for a Mutex) leaves nothing behind in that wait: the object
 // can be waited on, woken and destroyed as if the task had never waited, and the Thread can be
-// started again. The killed thread's stack stays reserved (address space, not memory in use).
+// started again. A wait for a ReadersWriterMutex is the exception: it stays counted (a killed
+// writer's wait holds new readers back), as a hold would. The killed thread's stack stays
+// reserved (address space, not memory in use).
 //
 // A thread ended behind the library's back (the task calls pthread_exit, or the thread is
 // cancelled) ends in the error state with OSThreadTermination, told to the listeners; the process
