@@ -77,6 +77,8 @@ public:
 class ChurningListener : public AlertListener
 {
 public:
+    // Unlinked before this class's part goes: another thread may be telling it of an alert.
+    ~ChurningListener() override { RemoveAllNotificationSources(); }
     void ErrorRaised(Error&) override { Churn(); }
     void WarningRaised(Warning&) override { Churn(); }
 
