@@ -174,7 +174,7 @@ TEST_F(LogFork, ChildrenForkedWhileOtherThreadsLogGetEveryEntryOut)
         });
     std::vector<std::string> results, tags;
     for (int child = 0; child < 20; ++child) {
-        tags.push_back(Unique("busy parent's child "));
+        tags.push_back(Unique("child of a busy parent "));
         results.push_back(QelTest::RunInChild([&] { return ChildLogsAndLeaves(tags.back(), 5, Ending::Exit); }, 20));
     }
     stop = true;

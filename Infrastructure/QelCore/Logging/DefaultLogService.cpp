@@ -6,6 +6,7 @@
 #include "Infrastructure/QelCore/StringTools.h"
 
 #include <algorithm>
+#include <new>
 #include <vector>
 
 using namespace Qel::Core;
@@ -294,6 +295,15 @@ void DefaultLogService::WriteToFile(const std::string& text)
 {
     if (!m_EntriesFile.IsOpen()) CreateLogFiles();
     if (!m_EntriesFile.Write(text)) Platform::WriteStandardError(text);
+}
+
+void DefaultLogService::StartAfreshAfterFork()
+{
+    // Built anew over the old ones, which are not destroyed: what they hold may be half changed.
+    // The old file's descriptor stays open in the child, unused.
+    DefaultLogEntriesFile::FolderSource folder = m_EntriesFile.GetFolderSource();
+    new (&m_SavedEntries) std::list<QelLogEntry>();
+    new (&m_EntriesFile) DefaultLogEntriesFile(std::move(folder));
 }
 
 void DefaultLogService::CloseFile()

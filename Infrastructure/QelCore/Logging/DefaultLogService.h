@@ -108,6 +108,8 @@ public:
     const PathName& GetPathName() const { return m_PathName; }
     // The folder, ending in a separator, that the next Open uses.
     std::string GetFolder() const;
+    // What gives the folder at each Open.
+    const FolderSource& GetFolderSource() const { return m_Folder; }
 
     // The length above which the file rolls over (1,400,000 bytes; tests make it small).
     static void SetRolloverLimit(std::uint64_t bytes);
@@ -179,6 +181,10 @@ public:
     std::list<IQelLogHandler*> GetHandlers();
     // Closes the log file; the next entry opens it again (in the folder of that moment).
     void CloseFile();
+    // In the child of a fork, on its one thread: the entries kept for replay and the state of the
+    // open file start afresh (a thread of the parent may have been changing them at the fork; the
+    // parent's entries are the parent's to replay). The next entry opens the file again.
+    void StartAfreshAfterFork();
 
     // Finds or makes the node of a path (the caller holds m_TreeLock as a writer).
     LoggerTreeNode& GetLoggerNode(const std::string& p_sPath);

@@ -300,6 +300,7 @@ void LogManager::ContinueInChild()
     Platform::KeepForever(m_pQueue.release());
     m_pQueue = std::make_unique<Queue<QelLogEntry>>(name, nullptr, 1000, 100, 3000);
     m_iUndelivered = 0;
+    Default().StartAfreshAfterFork();
     // The child delivers on the calling thread: no thread is started in a forked child unless
     // its host asks for one (SetBufferingMode(true)).
     m_bBuffering = false;

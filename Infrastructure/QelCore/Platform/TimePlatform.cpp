@@ -4,10 +4,42 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <pthread.h>
 #include <sched.h>
 
 namespace Qel::Core::Platform {
 namespace {
+
+// localtime_r takes a lock of the C library that fork does not give back: a thread of the parent
+// inside it at the fork would leave every later call in the child stuck (logging stamps each
+// entry). So the library's calls pass one at a time through a gate that a fork waits for: no
+// thread of the library is inside the C library's zone code while a fork copies the process.
+std::mutex g_TimeZoneGate;
+
+void BeforeFork()
+{
+    g_TimeZoneGate.lock();
+}
+
+void AfterForkInParent()
+{
+    g_TimeZoneGate.unlock();
+}
+
+void AfterForkInChild()
+{
+    g_TimeZoneGate.unlock();
+}
+
+[[maybe_unused]] const bool s_bForkHandlersInstalled =
+    (::pthread_atfork(&BeforeFork, &AfterForkInParent, &AfterForkInChild), true);
+
+struct tm* LocalTime(const std::time_t* instant, struct tm* local)
+{
+    std::lock_guard<std::mutex> gate(g_TimeZoneGate);
+    return ::localtime_r(instant, local);
+}
 
 constexpr std::int64_t iSECONDS_PER_DAY = 86400;
 constexpr std::int64_t iTICKS_PER_DAY = iSECONDS_PER_DAY * iTICKS_PER_SECOND;
@@ -125,7 +157,7 @@ bool UtcOffsetAt(std::int64_t unixSeconds, std::int64_t& offset)
 {
     const std::time_t instant = static_cast<std::time_t>(unixSeconds);
     struct tm local {};
-    if (::localtime_r(&instant, &local) == nullptr) return false;
+    if (LocalTime(&instant, &local) == nullptr) return false;
     offset = local.tm_gmtoff;
     return true;
 }
@@ -135,7 +167,7 @@ bool UtcTicksToLocalFields(std::int64_t ticks, CalendarFields& fields, std::stri
     const std::time_t instant = static_cast<std::time_t>(FloorDiv(ticks, iTICKS_PER_SECOND) - iSECONDS_1601_TO_1970);
     struct tm local {};
     errno = 0;
-    if (::localtime_r(&instant, &local) == nullptr) {
+    if (LocalTime(&instant, &local) == nullptr) {
         error = SystemErrorText(errno != 0 ? errno : EOVERFLOW);
         return false;
     }

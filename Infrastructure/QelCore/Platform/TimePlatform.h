@@ -9,7 +9,9 @@
 //   jumps when the wall clock is set.
 // - Local time is the C library's: localtime_r with the zone of TZ (or /etc/localtime when TZ is
 //   unset; UTC when neither exists). The zone is read once by the C library; a program that changes
-//   TZ at run time calls tzset() afterwards. Historic offsets (local mean time before a zone's first
+//   TZ at run time calls tzset() afterwards. The library's calls of localtime_r go one at a time
+//   through a gate that a fork waits for, so that the child of a fork never finds the C library's
+//   zone lock taken by a thread of the parent (fork does not give that lock back). Historic offsets (local mean time before a zone's first
 //   rule) are taken as the zone database gives them.
 // - UTC calendar arithmetic is our own, proleptic Gregorian, over the whole 64-bit tick range, so
 //   instants before 1601 (negative ticks) convert like any other; they arise for local midnight of

@@ -17,7 +17,8 @@
 // files as the parent's (under the same cross-process lock), and the child may leave through exit
 // or ShutdownQelCore at any time without waiting for anything of the parent. SetBufferingMode(true)
 // starts a worker of the child's own. Entries that were queued in the parent at the fork are the
-// parent's: the parent's worker writes them, the child drops its copy. A lock of the log that
+// parent's: the parent's worker writes them, the child drops its copy, and so are the entries kept
+// for replay to handlers registered later (the child starts without any). A lock of the log that
 // another thread of the parent held at the fork (the service's, the handlers', the file's, the
 // queue's) is free in the child; handlers registered in the parent are registered in the child
 // too, and run there on the child's thread. With buffering off, entries written by several threads
